@@ -1,0 +1,120 @@
+/*
+ * sable_comm: message passing between the processes of one host over named FIFOs.
+ *
+ * A pipe is a pair of FIFOs under /dev/shm/nux/sable_comm/, one per direction. One end opens
+ * with SABLO_MODE_CREATE and creates both files, the other with SABLO_MODE_JOIN and waits for
+ * them. Requests reach the callback given at open time on library worker threads; a caller can
+ * wait for the response to its own request with a time-out.
+ *
+ * Every function returning int gives 0 (or a positive pipe number) on success and a negative
+ * errno value on failure. All functions may be called from any thread, request callbacks
+ * included.
+ */
+#ifndef SABLE_COMM_H
+#define SABLE_COMM_H
+
+#include <cstdint>
+#include <functional>
+
+/* Request identifier chosen by the sender and echoed by the response. */
+struct SabloRequest {
+    uint32_t id;
+    uint8_t* data; /* must not be NULL when sending */
+    uint32_t size; /* must not be 0 when sending; at most 4000 */
+};
+
+/*
+ * A response filled by SabloTimedRPCSync owns a library-allocated `data` array; release it with
+ * DestroyResponse. A response passed to SabloSendResponse stays the caller's.
+ */
+struct SabloResponse {
+    uint32_t id;
+    uint8_t* data;
+    uint32_t size;
+};
+
+enum SabloPipeType : int32_t {
+    SABLO_NORMAL_PIPE = 0, /* opened by SabloOpen */
+    SABLO_CLIENT_PIPE = 1, /* opened by SabloCreateClient towards a server */
+    SABLO_SERVER_PIPE = 2, /* opened by a server for a connecting client */
+};
+
+enum SabloPriority : int32_t {
+    SABLO_PRIORITY_DEFAULT = 0,  /* threads keep the scheduling they have */
+    SABLO_PRIORITY_NORMAL = 1,   /* SCHED_OTHER, priority 0 */
+    SABLO_PRIORITY_REALTIME = 2, /* SCHED_FIFO, priority 50; uses the urgent workers */
+};
+
+enum SabloDomain : int32_t {
+    SABLO_DOMAIN_NONE = 0, /* the remote end is in the caller's own domain */
+    SABLO_DOMAIN_DP = 1,
+    SABLO_DOMAIN_ELM = 2,
+};
+
+enum SabloMode : int32_t {
+    SABLO_MODE_JOIN = 0,   /* wait for the remote end to create the FIFO files */
+    SABLO_MODE_CREATE = 1, /* create both FIFO files */
+};
+
+/*
+ * Request callback. `request` and its data belong to the library and are valid only during the
+ * call. A NULL request means the remote end has gone; the pipe is closed after the callback
+ * returns.
+ */
+using SabloCallback = std::function<void(int fd, SabloRequest* request)>;
+
+/* Attributes of a pipe to open. The library copies what it keeps. */
+struct SabloAttr {
+    const char* targetName = nullptr; /* remote process name, 1 to 100 characters */
+    SabloCallback callback;           /* may be empty: requests are then cached, not delivered */
+    int timeout = 0;                  /* open time-out in ms; below 1 waits without limit */
+    SabloMode mode = SABLO_MODE_JOIN;
+    uint32_t gid = 0xFFFFFFFFu;       /* group owning the FIFO files; all ones = none */
+    SabloPriority priority = SABLO_PRIORITY_DEFAULT; /* 0 or 2 (1 has no receive monitor) */
+    const char* selfName = nullptr;   /* NULL: the process name (PROC_NAME or /proc comm) */
+    int targetPid = -1;               /* remote pid for labelling its FIFO; -1 = unknown */
+    bool isConcur = false;            /* requests may run concurrently, at most 200 at once */
+    SabloDomain domain = SABLO_DOMAIN_NONE;
+    const char* targetCon = nullptr;  /* security context of the FIFO; NULL = none */
+};
+
+/*
+ * What a server learns of a client that has just connected, passed by value to the server's
+ * notification function. `name` is the client's pipe name (its program name, '_' and its pid)
+ * and is valid only during the call.
+ */
+struct SabloClientInfo {
+    int32_t pid;
+    uint32_t gid;
+    const char* name;
+};
+static_assert(sizeof(void*) != 8 || sizeof(SabloClientInfo) == 16, "16-byte record by value");
+
+struct SabloServerAttr {
+    void (*serverCallback)(int fd, SabloClientInfo client); /* a client connected; may be NULL */
+    void (*callback)(int fd, SabloRequest* request);       /* request callback of client pipes */
+    uint32_t gid;                                          /* group of the server FIFO */
+    SabloPriority priority;
+    const char* selfName; /* server name; NULL: the process name */
+};
+
+/* Opens a pipe; returns its number (> 0) or a negative errno. Blocks up to attr->timeout ms.
+ * Throws std::out_of_range for priority 1, which has no receive monitor. */
+int SabloOpen(const SabloAttr* attr);
+/* Short form: priority 1 (so it throws std::out_of_range), no group, no self name. */
+int SabloOpen(const char* name, void (*callback)(int, SabloRequest*), int timeout, SabloMode mode);
+
+extern "C" {
+
+/* Frees the library-allocated data of a response and sets it to NULL. NULL-safe, idempotent. */
+void DestroyResponse(SabloResponse* resp);
+
+/* Hook called by every library thread after it has named itself; empty in this library. */
+void KorCoreSetaffinity();
+
+/* true: create the log restraint early; false: silence every restrained log type for good. */
+void NuxLogGetInstance(bool alive);
+
+} /* extern "C" */
+
+#endif /* SABLE_COMM_H */

@@ -1,0 +1,167 @@
+#include "env/EnvManager.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "base/safe_c.h"
+#include "log/NuxSyslog.h"
+
+#ifndef SABLE_HOST_DOMAIN_NAME
+#define SABLE_HOST_DOMAIN_NAME "dp"
+#endif
+
+extern "C" {
+bool nuxPerfFlag = false;
+}
+
+namespace {
+
+char procName[EnvManager::PROC_NAME_SIZE] = {0};
+std::once_flag procNameOnce;
+std::string runMode;  // guarded by EnvManager::Instance()
+
+constexpr const char* kHostDomainName = SABLE_HOST_DOMAIN_NAME;
+constexpr int kLibMajorVersion = 1;
+
+// Names of the process managers, kept for the labelling code of the platform.
+[[maybe_unused]] const std::string kProcMgrNames[] = {"PROCMGR", "EM", "ELM_PROCMGR", "elm_EM"};
+
+}  // namespace
+
+std::mutex& EnvManager::Instance() {
+    // Never destroyed: the logger reads the process name from static destructors.
+    static std::mutex* mu = new std::mutex;
+    return *mu;
+}
+
+const std::string& EnvManager::LibraryPath() {
+    static const std::string* path =
+        new std::string("/usr/lib64/libnux.so." + std::to_string(kLibMajorVersion));
+    return *path;
+}
+
+int EnvManager::SetProcName(const std::string& name) {
+    int ret = strcpy_s(procName, sizeof(procName), name.c_str());
+    if (ret != 0) {
+        procName[0] = '\0';
+    }
+    procName[PROC_NAME_SIZE - 1] = '\0';
+    return ret;
+}
+
+void EnvManager::EnableDefaultProcName() {
+    std::ifstream comm("/proc/" + std::to_string(getpid()) + "/comm");
+    if (!comm.is_open()) {
+        return;
+    }
+    std::string word;
+    comm >> word;
+    if (word.size() >= 17) {
+        return;
+    }
+    SetProcName(word == "process-manager" ? "PROCMGR" : word);
+}
+
+const char* EnvManager::ProcName() {
+    std::call_once(procNameOnce, [] {
+        std::lock_guard<std::mutex> lock(Instance());
+        if (strnlen(procName, PROC_NAME_SIZE - 1) != 0) {
+            return;
+        }
+        const char* env = getenv("PROC_NAME");
+        if (env != nullptr) {
+            SetProcName(env);
+        } else {
+            EnableDefaultProcName();
+        }
+    });
+    return procName;
+}
+
+int EnvManager::HostName() {
+    if (strcmp(kHostDomainName, "dp") == 0) {
+        return 1;
+    }
+    return strcmp(kHostDomainName, "elm") == 0 ? 2 : 1;
+}
+
+std::string EnvManager::GetLocalDomainName() { return std::string(kHostDomainName) + ":"; }
+
+std::string EnvManager::FifoPrefix() { return "/dev/shm/nux/sable_comm/"; }
+
+std::string EnvManager::ElmFifoDirPrefix() { return "/local"; }
+
+int EnvManager::CheckNuxlibPath(const std::string& path) {
+    if (path.size() > 4096) {
+        return -ENAMETOOLONG;
+    }
+    return path.find(LibraryPath()) != std::string::npos ? 0 : -EINVAL;
+}
+
+int EnvManager::SetEnv(const std::string& name, const std::string& value) {
+    unsetenv(name.c_str());
+    if (setenv(name.c_str(), value.c_str(), 0) == -1) {
+        return -errno;
+    }
+    if (name == "PROC_NAME") {
+        SetProcName(value);
+    }
+    return 0;
+}
+
+int EnvManager::UpdateLdPreload() {
+    const char* env = getenv("LD_PRELOAD");
+    std::string current = env != nullptr ? env : "";
+    if (current.find(LibraryPath()) != std::string::npos) {
+        return 0;
+    }
+    std::string lib = LibraryPath();
+    const char* custom = getenv("NUX_LIB_PATH");
+    if (custom != nullptr) {
+        lib = custom;
+        int ret = CheckNuxlibPath(lib);
+        if (ret != 0) {
+            return ret;
+        }
+    }
+    return SetEnv("LD_PRELOAD", lib + " " + current);
+}
+
+int EnvManager::EnvInit(const std::string& name) {
+    std::lock_guard<std::mutex> lock(Instance());
+    int ret = SetEnv("PROC_NAME", name);
+    if (ret == 0) {
+        ret = SetEnv("NUX_STATUS", "READY");
+    }
+    if (ret == 0) {
+        ret = UpdateLdPreload();
+    }
+    return ret;
+}
+
+bool EnvManager::CheckEnvPreparation() {
+    std::lock_guard<std::mutex> lock(Instance());
+    if (getenv("PROC_NAME") == nullptr) {
+        return false;
+    }
+    if (getenv("NUX_STATUS") != nullptr) {
+        return true;
+    }
+    const char* preload = getenv("LD_PRELOAD");
+    return preload != nullptr && strstr(preload, LibraryPath().c_str()) != nullptr;
+}
+
+std::string EnvManager::GetRunMode() {
+    std::lock_guard<std::mutex> lock(Instance());
+    if (runMode.empty()) {
+        const char* env = getenv("DATAGLEN_RUN_MODE");
+        if (env != nullptr) {
+            runMode = env;
+        }
+    }
+    return runMode;
+}

@@ -1,0 +1,50 @@
+// Who this process is, where the FIFO files live, and the environment of started processes.
+#ifndef SABLE_ENV_ENV_MANAGER_H
+#define SABLE_ENV_ENV_MANAGER_H
+
+#include <mutex>
+#include <string>
+
+#include "sable_comm.h"
+
+class EnvManager {
+public:
+    static constexpr size_t PROC_NAME_SIZE = 101;
+
+    // The one process-wide environment mutex: every read-modify of the environment and of the
+    // cached values takes it. A leaf lock apart from the logger's.
+    static std::mutex& Instance();
+
+    // The process name: PROC_NAME, else the kernel's name of the process ("process-manager" is
+    // "PROCMGR"); resolved once. Never NULL; empty when nothing could be found.
+    static const char* ProcName();
+    // 0, or a non-zero status when `name` is 101 characters or more (the name is then empty).
+    static int SetProcName(const std::string& name);
+    static void EnableDefaultProcName();
+
+    // 1 for a "dp" host, 2 for an "elm" host; fixed at build time.
+    static int HostName();
+    static bool IsElmDomain() { return HostName() == 2; }
+    static std::string GetLocalDomainName();
+    static std::string FifoPrefix();
+    static std::string ElmFifoDirPrefix();
+
+    // 0 when `path` names the library, -EINVAL otherwise, -ENAMETOOLONG beyond 4096 characters.
+    static int CheckNuxlibPath(const std::string& path);
+    // Caller holds Instance(). Also updates the process name for "PROC_NAME".
+    static int SetEnv(const std::string& name, const std::string& value);
+    // Puts the library in front of LD_PRELOAD once; 0 or a negative errno.
+    static int UpdateLdPreload();
+    // Prepares the environment of a process about to be started; 0 or the first failure.
+    static int EnvInit(const std::string& procName);
+    static bool CheckEnvPreparation();
+    // DATAGLEN_RUN_MODE, cached once it was found non-empty.
+    static std::string GetRunMode();
+
+    static const std::string& LibraryPath();
+};
+
+// Exported, read by nobody inside the library.
+extern "C" bool nuxPerfFlag;
+
+#endif

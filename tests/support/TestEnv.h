@@ -1,0 +1,27 @@
+// Shared test fixtures: the FIFO directory, names that cannot collide with a parallel test,
+// descriptor and FIFO leak checks, bounded waits.
+#ifndef SABLE_TESTS_TEST_ENV_H
+#define SABLE_TESTS_TEST_ENV_H
+
+#include <functional>
+#include <set>
+#include <string>
+
+namespace sable_test {
+
+// Creates /dev/shm/nux/sable_comm/ when missing; returns its path.
+std::string EnsureFifoDir();
+// A process name unique to this process and call: prefix, pid and a counter (<= 40 chars).
+std::string UniqueName(const std::string& prefix);
+// Descriptors open in this process now (from /proc/self/fd).
+std::set<int> OpenFds();
+// Entries of the FIFO directory whose name contains `needle`.
+std::set<std::string> FifoFilesWith(const std::string& needle);
+// Polls `pred` every millisecond until it holds or `timeoutMs` passes.
+bool WaitUntil(const std::function<bool()>& pred, int timeoutMs);
+// Directory of the test binaries (peer programs live there).
+std::string TestBinDir();
+
+}  // namespace sable_test
+
+#endif
