@@ -106,6 +106,35 @@ int SabloOpen(const char* name, void (*callback)(int, SabloRequest*), int timeou
 
 extern "C" {
 
+/* Opens a pipe to a server process (see SabloCreateServer); the pipe's own name is the self name
+ * followed by '_' and this process's pid. Pipe number or negative errno. */
+int SabloCreateClient(const SabloAttr* attr);
+/* SabloOpen with an explicit pipe type. */
+int SabloPipeTypeOpen(const SabloAttr* attr, SabloPipeType type);
+/* Starts this process's server: clients of any name may connect through its FIFO.
+ * -EEXIST while running, -EINVAL for bad attributes, or the error of the FIFO set-up
+ * (a second server process of the same name fails to take the FIFO's lock). */
+int SabloCreateServer(const SabloServerAttr* attr);
+/* Stops the server and disables the pipe table (every pipe is closed). */
+void SabloCfgFinishServer();
+/* Closes a pipe; 0 also when no pipe has that number, -ENOENT once the table is gone. */
+int SabloClosePipe(int fd);
+/* For the application's signal handler: removes the FIFO files of every pipe. */
+void SabloExceptionHandler(int signal);
+/* Sends a request without waiting; never blocks: -EAGAIN when the FIFO is full, -EPIPE when
+ * the remote has gone. */
+int SabloSendRequest(int fd, const SabloRequest* req);
+/* Sends a response; `resp->id` must be the id of the request it answers. */
+int SabloSendResponse(int fd, const SabloResponse* resp);
+/* Sends `req` (its id is assigned here) and waits up to timeoutMs (negative: no limit) for the
+ * response, which lands in `resp` (free it with DestroyResponse). With resp NULL it only sends.
+ * -ETIMEDOUT on time-out, -EPIPE when the pipe closes during the wait. */
+int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeoutMs);
+/* SabloTimedRPCSync without a time limit. */
+int SabloRPCSync(int fd, SabloRequest* req, SabloResponse* resp);
+/* true while the pipe table exists and has not been disabled. */
+bool SabloServiceIsExist();
+
 /* Frees the library-allocated data of a response and sets it to NULL. NULL-safe, idempotent. */
 void DestroyResponse(SabloResponse* resp);
 
