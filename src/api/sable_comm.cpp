@@ -1,12 +1,233 @@
 #include "sable_comm.h"
 
-// Platforms that pin library threads to cores replace this; the library only calls it.
-extern "C" void KorCoreSetaffinity() {}
+#include <errno.h>
 
-extern "C" void DestroyResponse(SabloResponse* resp) {
+#include "api/sable_comm_check.h"
+#include "log/NuxSyslog.h"
+#include "pipe/SablePipeImpl.h"
+#include "server/PipeServer.h"
+#include "table/SableTable.h"
+#include "table/TableFactory.h"
+
+namespace {
+
+const char* OrEmpty(const char* s) { return s != nullptr ? s : ""; }
+
+}  // namespace
+
+// The attribute fields in the order of the "open" log lines.
+#define SABLE_ATTR_ARGS(attr)                                                        \
+    OrEmpty((attr)->targetName), (attr)->mode, (attr)->timeout, (attr)->targetPid,    \
+        (attr)->priority, static_cast<int>((attr)->isConcur), (attr)->gid,            \
+        OrEmpty((attr)->selfName)
+
+int SabloOpen(const SabloAttr* attr) {
+    if (attr == nullptr || CheckInputPipeAttr(*attr) != 0) {
+        LOGE("Input variables error\n");
+        return -EINVAL;
+    }
+    LOGI("SabloOpen start name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, gid=%u, self=%s\n",
+         SABLE_ATTR_ARGS(attr));
+    return SabloPipeTypeOpen(attr, SABLO_NORMAL_PIPE);
+}
+
+int SabloOpen(const char* name, void (*callback)(int, SabloRequest*), int timeout,
+              SabloMode mode) {
+    SabloAttr attr;
+    attr.targetName = name;
+    if (callback != nullptr) {
+        attr.callback = callback;
+    }
+    attr.timeout = timeout;
+    attr.mode = mode;
+    attr.gid = 0xFFFFFFFFu;
+    attr.priority = SABLO_PRIORITY_NORMAL;
+    attr.selfName = nullptr;
+    attr.targetPid = -1;
+    attr.isConcur = false;
+    attr.domain = SABLO_DOMAIN_NONE;
+    attr.targetCon = nullptr;
+    return SabloOpen(&attr);
+}
+
+extern "C" {
+
+int SabloCreateClient(const SabloAttr* attr) {
+    if (attr == nullptr || CheckInputPipeAttr(*attr) != 0) {
+        LOGE("Input variables error\n");
+        return -EINVAL;
+    }
+    LOGI("SabloCreateClient name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, gid=%u, self=%s\n",
+         SABLE_ATTR_ARGS(attr));
+    return SabloPipeTypeOpen(attr, SABLO_CLIENT_PIPE);
+}
+
+int SabloPipeTypeOpen(const SabloAttr* attr, SabloPipeType type) {
+    if (attr == nullptr || CheckInputPipeAttr(*attr) != 0) {
+        LOGE("Input variables error.\n");
+        return -EINVAL;
+    }
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    if (!table) {
+        LOGI("SabloPipeTypeOpen unfinished, because table is destroyed\n");
+        return -ENOENT;
+    }
+    int ret = table->MakeAndAddPipe(attr, type);
+    if (ret < 0) {
+        LOGW_R("OpenPipe unfinished fd=%d, Name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, "
+               "gid=%u, self=%s\n",
+               ret, SABLE_ATTR_ARGS(attr));
+    } else {
+        LOGI("SabloOpen success fd=%d, Name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, gid=%u, "
+             "self=%s\n",
+             ret, SABLE_ATTR_ARGS(attr));
+    }
+    return ret;
+}
+
+int SabloCreateServer(const SabloServerAttr* attr) {
+    if (attr == nullptr || CheckInputServerAttr(*attr) != 0) {
+        LOGE("Input attr is nullptr\n");
+        return -EINVAL;
+    }
+    std::shared_ptr<PipeServer> server = PipeServer::GetInstance();
+    if (!server) {
+        LOGE("Pipe server init failed\n");
+        return -ENOENT;
+    }
+    LOGI("SabloCreateServer selfName=%s, gid=%u, priority=%d\n", OrEmpty(attr->selfName),
+         attr->gid, attr->priority);
+    return server->Init(*attr);
+}
+
+void SabloCfgFinishServer() {
+    std::shared_ptr<PipeServer> server = PipeServer::GetInstance();
+    if (!server) {
+        LOGE("Pipe server finish failed.\n");
+        return;
+    }
+    server->Close();
+    if (std::shared_ptr<SableTable> table = TableFactory::GetInstance()) {
+        table->DisableSableTable();
+    }
+}
+
+int SabloClosePipe(int fd) {
+    LOGI("SabloClosePipe start fd=%d.\n", fd);
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    if (!table) {
+        LOGI("SabloClosePipe unfinished, because table is destroyed\n");
+        return -ENOENT;
+    }
+    table->CloseSablePipe(fd);
+    LOGI("SabloClosePipe success fd=%d.\n", fd);
+    return 0;
+}
+
+void SabloExceptionHandler(int signal) {
+    LOGE("Recv a signal %d.\n", signal);
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    if (!table) {
+        LOGE("SabloExceptionHandler failed, because table is destroyed.\n");
+        return;
+    }
+    table->ExceptionHandler();
+    if (std::shared_ptr<PipeServer> server = PipeServer::GetInstance()) {
+        server->ExceptionHandler();
+    } else {
+        LOGE("SabloExceptionHandler failed, because server is destroyed.\n");
+    }
+}
+
+int SabloSendRequest(int fd, const SabloRequest* req) {
+    if (req == nullptr || req->data == nullptr || req->size == 0) {
+        LOGE("Argument invalid.\n");
+        return -EINVAL;
+    }
+    LOGI("SendRequest id=%u, size=%u bytes\n", req->id, req->size);
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    if (!table) {
+        LOGI("SabloSendRequest unfinished, because table is destroyed\n");
+        return -ENOENT;
+    }
+    std::shared_ptr<SablePipeImpl> pipe = table->GetPipe(fd);
+    if (!pipe) {
+        LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
+        return -ENOENT;
+    }
+    return pipe->Send(*req, -1);
+}
+
+int SabloSendResponse(int fd, const SabloResponse* resp) {
+    if (resp == nullptr || resp->data == nullptr || resp->size == 0) {
+        LOGE("Input resp == NULL.\n");
+        return -EINVAL;
+    }
+    LOGI("SendResponse id=%u, size=%u bytes\n", resp->id, resp->size);
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    if (!table) {
+        LOGI("SabloSendResponse unfinished, because table is destroyed\n");
+        return -ENOENT;
+    }
+    std::shared_ptr<SablePipeImpl> pipe = table->GetPipe(fd);
+    if (!pipe) {
+        LOGE("GetPipe fail, please check input fd(%d).\n", fd);
+        return -ENOENT;
+    }
+    return pipe->Send(*resp);
+}
+
+int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeoutMs) {
+    if (req == nullptr || req->data == nullptr || req->size == 0) {
+        LOGE("Argument invalid.\n");
+        return -EINVAL;
+    }
+    if (resp == nullptr) {
+        return SabloSendRequest(fd, req);
+    }
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    if (!table) {
+        LOGE("SabloTimedRPCSync failed, because table is destroyed\n");
+        return -ENOENT;
+    }
+    std::shared_ptr<SablePipeImpl> pipe = table->GetPipe(fd);
+    if (!pipe) {
+        LOGE_R("GetPipe fail, please check input fd(%d).\n", fd);
+        return -ENOENT;
+    }
+    int ret = pipe->RecordOutRequest(*req, *resp, timeoutMs);
+    if (ret < 0) {
+        LOGI("RecordOutRequest err=%d.\n", ret);
+        return ret;
+    }
+    LOGI("SendRPCSync id=%u, size=%u bytes\n", req->id, req->size);
+    ret = pipe->Send(*req, timeoutMs);
+    if (ret < 0) {
+        LOGE_R("Send req fail, fd=%d, err=%d.\n", fd, ret);
+        pipe->RemoveRequest(*req);
+        return ret;
+    }
+    return pipe->WaitForResponse(*req, timeoutMs);
+}
+
+int SabloRPCSync(int fd, SabloRequest* req, SabloResponse* resp) {
+    return SabloTimedRPCSync(fd, req, resp, -1);
+}
+
+bool SabloServiceIsExist() {
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    return table && !table->GetIsDisable();
+}
+
+void DestroyResponse(SabloResponse* resp) {
     if (resp == nullptr || resp->data == nullptr) {
         return;
     }
     delete[] resp->data;
     resp->data = nullptr;
 }
+
+// Platforms that pin library threads to cores replace this; the library only calls it.
+void KorCoreSetaffinity() {}
+
+}  // extern "C"

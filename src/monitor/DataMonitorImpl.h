@@ -1,0 +1,82 @@
+// One receive thread with its own epoll set, watching the read FIFOs of the pipes of one
+// monitor type.
+#ifndef SABLE_MONITOR_DATA_MONITOR_IMPL_H
+#define SABLE_MONITOR_DATA_MONITOR_IMPL_H
+
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+#include "base/Mutex.h"
+#include "pool/sable_comm_thread.h"
+#include "sable_comm.h"
+
+class SablePipeImpl;
+
+// 0-2: pipes inside the host's domain, per priority class; 3-5: their cross-domain peers.
+enum DataMonitorType : int32_t {
+    DATA_MONITOR_LOCAL_DEFAULT = 0,
+    DATA_MONITOR_LOCAL_NORMAL = 1,
+    DATA_MONITOR_LOCAL_REALTIME = 2,
+    DATA_MONITOR_REMOTE_DEFAULT = 3,
+    DATA_MONITOR_REMOTE_NORMAL = 4,
+    DATA_MONITOR_REMOTE_REALTIME = 5,
+    DATA_MONITOR_TYPE_NUM = 6,
+};
+
+struct PipeIdxMgrImpl {
+    int pipeIdx;
+    int readFd;
+    std::shared_ptr<SablePipeImpl> pipe;
+};
+
+class DataMonitorImpl {
+public:
+    static constexpr int MAX_EVENTS = 1024;
+
+    DataMonitorImpl() = default;
+    ~DataMonitorImpl();
+    DataMonitorImpl(const DataMonitorImpl&) = delete;
+    DataMonitorImpl& operator=(const DataMonitorImpl&) = delete;
+
+    // Creates the epoll set and the exit eventfd (registered under `eventIdx`, which no pipe
+    // may use) and starts the receive thread once. Priority 0 leaves its scheduling as it is.
+    // 0 or a negative errno (-ENOSPC when no thread could be started).
+    int Init(const SabloPriority& priority, int eventIdx, const DataMonitorType& type);
+    // Registers a pipe's read FIFO; an index already present keeps its entry (returns 0).
+    int Add(int pipeIdx, int readFd, std::shared_ptr<SablePipeImpl> pipe);
+    // Unregisters a pipe (never closes its descriptor); -ENOENT when unknown.
+    int Remove(int pipeIdx);
+    // Ends the receive thread and closes the descriptors; idempotent, never throws.
+    void Destroy();
+
+    std::shared_ptr<SablePipeImpl> GetPipe(int pipeIdx) const REQUIRES(tableLock);
+    int AddFd(int pipeIdx, int readFd);
+    int RemoveFd(int readFd) const;
+    int AddEventFd(int eventIdx);
+    void AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<SablePipeImpl>& pipe)
+        REQUIRES(tableLock);
+    int Monitor(struct epoll_event* events, int maxEvents);
+    void RecvRoutine();
+    bool RecvRoutineStopped() const { return stopped.load(); }
+    void NotifyDataMonitorExit() const;
+    bool IsDataMonitorRemoteMode() const;
+    DataMonitorType Type() const { return type; }
+    size_t Size();
+
+private:
+    std::atomic<int> epollFd{-1};
+    std::atomic<int> eventFd{-1};
+    SableCommThread thread;
+    std::atomic<bool> stopped{false};
+    // Guards the monitor table. Taken after the pipe table's monitor lock; never held while a
+    // pipe handles an event.
+    mutable sable::Mutex tableLock;
+    std::map<int, PipeIdxMgrImpl> monitorTable GUARDED_BY(tableLock);
+    const char* threadName = "sable_comm_monitor";
+    DataMonitorType type = DATA_MONITOR_LOCAL_DEFAULT;
+};
+
+#endif

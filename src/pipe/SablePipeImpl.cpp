@@ -1,0 +1,715 @@
+#include "pipe/SablePipeImpl.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <system_error>
+
+#include "api/sable_comm_internal.h"
+#include "env/EnvManager.h"
+#include "fifo/nux_fifo.h"
+#include "log/NuxSyslog.h"
+#include "log/run_time_record.h"
+#include "pipe/InRequest.h"
+#include "pipe/Message.h"
+#include "pipe/MessageFrame.h"
+#include "pipe/OutRequest.h"
+#include "pipe/TimedLock.h"
+#include "table/PipeObserver.h"
+
+namespace {
+
+constexpr int kNameMax = 255;
+constexpr unsigned int kFirstBackoffUs = 40;
+constexpr unsigned int kMaxBackoffUs = 20000;
+constexpr uint64_t kSlowStepMs = 50;
+constexpr int kLongRunModeMs = 18000000;  // five hours
+constexpr uint32_t kMaxConcurrentCallbacks = 200;
+
+// Budget in microseconds of a wait of `timeoutMs`; 0 means no limit.
+uint64_t BudgetUs(int timeoutMs) {
+    return timeoutMs < 1 ? 0 : static_cast<uint64_t>(timeoutMs) * 1000;
+}
+
+}  // namespace
+
+SablePipeImpl::SablePipeImpl(const SabloAttr& attr, PipeObserver& pipeObserver)
+    : myName(attr.selfName != nullptr && attr.selfName[0] != '\0' ? attr.selfName
+                                                                   : EnvManager::ProcName()),
+      remoteName(attr.targetName != nullptr ? attr.targetName : ""),
+      targetCon(attr.targetCon != nullptr ? attr.targetCon : ""),
+      observer(pipeObserver),
+      callback(attr.callback),
+      timeout(attr.timeout),
+      mode(attr.mode),
+      gid(attr.gid),
+      priority(attr.priority),
+      pid(attr.targetPid),
+      isConcur(attr.isConcur ? 1 : 0),
+      domain(attr.domain),
+      dataMonitorType(InitDataMonitorType(attr.priority, attr.domain)),
+      serviceHandler(attr.callback) {
+    FormFifoNames();
+}
+
+SablePipeImpl::~SablePipeImpl() {
+    CloseFd();
+    try {
+        outReqList.Disable();
+    } catch (const std::system_error& e) {
+        LOGI("outReqList disable unfinished, system error: %s\n", e.what());
+    } catch (...) {
+        LOGI("outReqList disable unfinished\n");
+    }
+}
+
+void SablePipeImpl::FormFifoNames() {
+    writeFifoName = AssembleFifoName(myName, remoteName, domain);
+    readFifoName = AssembleFifoName(remoteName, myName, domain);
+}
+
+// ---------------------------------------------------------------- open
+
+std::string SablePipeImpl::AssembleFifoName(const std::string& self, const std::string& remote,
+                                            SabloDomain dom) const {
+    std::string prefix = EnvManager::FifoPrefix();
+    if (IsElmDomainPipe(dom)) {
+        prefix = EnvManager::ElmFifoDirPrefix() + prefix;
+    }
+    if (prefix.empty()) {
+        LOGE("FIFO_PREFIX is NULL\n");
+        return "";
+    }
+    std::string result = prefix + self + "__to__" + remote;
+    if (result.size() >= static_cast<size_t>(kNameMax)) {
+        LOGE("file name %s's lenth %lu is more than system NAME_MAX %d\n", result.c_str(),
+             static_cast<unsigned long>(result.size()), kNameMax);
+        return "";
+    }
+    return result;
+}
+
+DataMonitorType SablePipeImpl::InitDataMonitorType(SabloPriority prio, SabloDomain dom) const {
+    // Priority 1 has no row: the lookup throws std::out_of_range, which callers must avoid.
+    static const std::map<SabloPriority, DataMonitorType> kRemote = {
+        {SABLO_PRIORITY_DEFAULT, DATA_MONITOR_REMOTE_DEFAULT},
+        {SABLO_PRIORITY_REALTIME, DATA_MONITOR_REMOTE_REALTIME}};
+    static const std::map<SabloPriority, DataMonitorType> kLocal = {
+        {SABLO_PRIORITY_DEFAULT, DATA_MONITOR_LOCAL_DEFAULT},
+        {SABLO_PRIORITY_REALTIME, DATA_MONITOR_LOCAL_REALTIME}};
+    if (IsCrossDomainPipe(dom) || GetCurrDomain() == SABLO_DOMAIN_ELM) {
+        return kRemote.at(prio);
+    }
+    return kLocal.at(prio);
+}
+
+int SablePipeImpl::AppWaitForPipeReady(const std::string& fifoName, int timeoutMs) const {
+    const uint64_t budget = BudgetUs(timeoutMs);
+    uint64_t elapsed = 0;
+    unsigned int sleepUs = kFirstBackoffUs;
+    for (uint64_t misses = 1;; ++misses) {
+        if (access(fifoName.c_str(), F_OK) == 0) {
+            return 0;
+        }
+        if (closeFdAction.load() == -1) {
+            return -ECANCELED;  // closed while waiting: nobody wants this pipe any more
+        }
+        if (misses % 1000 == 0) {
+            LOGW("AppWaitForPipeReady fifoName(%s) not exist, remote(%s)\n", fifoName.c_str(),
+                 remoteName.c_str());
+        }
+        if (budget != 0 && budget - elapsed < sleepUs) {
+            usleep(static_cast<useconds_t>(budget - elapsed));
+            return access(fifoName.c_str(), F_OK) == 0 ? 0 : -ETIMEDOUT;
+        }
+        usleep(sleepUs);
+        elapsed += sleepUs;
+        sleepUs = std::min(sleepUs * 2, kMaxBackoffUs);
+    }
+}
+
+int SablePipeImpl::OpenWriteFifo() {
+    sable::WriterLock lock(fdMutex);
+    int current = writeFd.load();
+    if (current > 0) {
+        return current;
+    }
+    if (closeFdAction.load() == -1) {
+        LOGI("entering closeFdAction\n");
+        return -1;
+    }
+    int ret = OpenFifo(writeFifoName, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (ret >= 0) {
+        writeFd.store(ret);
+        LOGI("open writeFdNB(%d) of file(%s) success for remote(%s)\n", ret,
+             writeFifoName.c_str(), remoteName.c_str());
+    }
+    return ret;
+}
+
+int SablePipeImpl::RetryOpenWriteFifo(unsigned int intervalUs) {
+    const uint64_t budget = BudgetUs(timeout);
+    const bool backoff = intervalUs == 1;
+    unsigned int sleepUs = backoff ? kFirstBackoffUs : intervalUs;
+    uint64_t elapsed = 0;
+    while (true) {
+        int ret = OpenWriteFifo();
+        if (ret != -ENOENT && ret != -ENXIO && ret != -EMFILE) {
+            return ret;
+        }
+        if (budget != 0 && budget - elapsed < sleepUs) {
+            usleep(static_cast<useconds_t>(budget - elapsed));
+            break;
+        }
+        elapsed += sleepUs;
+        usleep(sleepUs);
+        if (budget != 0 && elapsed >= budget) {
+            break;
+        }
+        if (backoff) {
+            sleepUs = std::min(sleepUs * 2, kMaxBackoffUs);
+        }
+    }
+    int ret = OpenWriteFifo();
+    return ret == -ENXIO ? -ETIMEDOUT : ret;
+}
+
+namespace {
+
+int TimedCreateFifo(const std::string& what, const std::string& name, unsigned int gid, int pid,
+                    SabloDomain domain, const std::string& targetCon) {
+    SableComm::RunTimeRecord record(kSlowStepMs);
+    record.RecordCurrentTime();
+    int ret = CreateFifo(name, gid, pid, domain, targetCon);
+    if (record.WhetherTotalTimeHasTimeout()) {
+        record.RunTimePrint(what + name + " takes more than " + "50" + "ms");
+    }
+    if (ret != 0) {
+        LOGE("Create FIFO (%s) failed.\n", name.c_str());
+    }
+    return ret;
+}
+
+}  // namespace
+
+int SablePipeImpl::PrepareWriteFifo(int timeoutMs) {
+    if (myName.empty()) {
+        LOGE("env variables error, myName = %s\n", myName.c_str());
+        return -EINVAL;
+    }
+    if (writeFifoName.empty()) {
+        writeFifoName = AssembleFifoName(myName, remoteName, domain);
+        if (writeFifoName.empty()) {
+            LOGE("set go name fail\n");
+            return -EINVAL;
+        }
+    }
+    if (mode != SABLO_MODE_JOIN) {
+        // The remote has no reader yet: the write end is opened later, on a worker or at the
+        // first send.
+        return TimedCreateFifo("CreateWriteFifo ", writeFifoName, gid, pid, domain, targetCon);
+    }
+    int ret = AppWaitForPipeReady(writeFifoName, timeoutMs);
+    if (ret != 0) {
+        LOGW("Wait write FIFO (%s) timeout. ret = %d.\n", writeFifoName.c_str(), ret);
+        return ret;
+    }
+    ret = RetryOpenWriteFifo(1);
+    if (ret < 0) {
+        LOGE("OpenWriteFifo (%s) failed. ret = %d.\n", writeFifoName.c_str(), ret);
+        return ret;
+    }
+    return 0;
+}
+
+int SablePipeImpl::OpenReadFd() {
+    if (myName.empty()) {
+        LOGE("env variables error, myName = %s\n", myName.c_str());
+    }
+    if (readFifoName.empty()) {
+        readFifoName = AssembleFifoName(remoteName, myName, domain);
+        if (readFifoName.empty()) {
+            LOGE("set read name fail\n");
+            return -EINVAL;
+        }
+    }
+    return CreateAndOpenFifo(readFifoName, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+}
+
+int SablePipeImpl::CreateAndOpenFifo(const std::string& name, int oflag) {
+    int ret = 0;
+    if (mode != SABLO_MODE_JOIN) {
+        ret = TimedCreateFifo("CreateReadFifo ", name, gid, pid, domain, targetCon);
+    } else {
+        ret = AppWaitForPipeReady(name, timeout);
+        if (ret != 0) {
+            LOGE("Wait FIFO (%s) failed.\n", name.c_str());
+        }
+    }
+    if (ret != 0) {
+        return ret;
+    }
+    ret = OpenFifo(name, oflag);
+    if (ret < 0) {
+        LOGE("Open fifoFd with flag(%d) of fifo(%s) failed, err = %d, remote is %s\n", oflag,
+             name.c_str(), ret, remoteName.c_str());
+        return ret;
+    }
+    LOGI("open fifoFd(%d) with flag(%d) of file(%s) success for remote(%s)\n", ret, oflag,
+         name.c_str(), remoteName.c_str());
+    return ret;
+}
+
+int SablePipeImpl::TimedOpen(int timeoutMs) {
+    LOGI("begin Timed Open readFd(%d) remote(%s), closeAction=(%d)\n", readFd.load(),
+         remoteName.c_str(), closeFdAction.load());
+    TimedLock lock(&openMutex, timeoutMs);
+    int ret = lock.Lock();
+    if (ret != 0) {
+        LOGI("Open readFd(%d) remote(%s) timed out\n", readFd.load(), remoteName.c_str());
+        return ret;
+    }
+    {
+        sable::WriterLock fdLock(fdMutex);
+        if (closeFdAction.load() == -1) {
+            // Closed before (or while) this open got its turn: a closed pipe stays closed.
+            LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), -ECANCELED,
+                 strerror(ECANCELED));
+            return -ECANCELED;
+        }
+        closeFdAction.store(1);
+    }
+    if (readFd.load() >= 0) {
+        LOGI("Already open pipe(%d) readFd(%d) to remote(%s)\n", fd.load(), readFd.load(),
+             remoteName.c_str());
+        return 0;
+    }
+    ret = PrepareWriteFifo(lock.GetRemainingTime());
+    if (ret < 0) {
+        if (ret == -ETIMEDOUT || ret == -ECANCELED) {
+            LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), ret, strerror(-ret));
+        } else {
+            LOGE("Open pipe to %s failed, err = %d, errno = %d.\n", remoteName.c_str(), ret,
+                 errno);
+        }
+        return ret;
+    }
+    int rfd = OpenReadFd();
+    if (rfd < 0) {
+        LOGE("Open pipe readFd failed, ret = %d, pipeName = %s.\n", rfd, readFifoName.c_str());
+        observer.OnOpenFailed(fd.load());
+        return rfd;
+    }
+    {
+        sable::WriterLock fdLock(fdMutex);
+        if (closeFdAction.load() == -1) {
+            close(rfd);
+            return -ECANCELED;
+        }
+        readFd.store(rfd);
+    }
+    outReqList.Enable();
+    ret = observer.OnPipeOpened(rfd, fd.load(), shared_from_this());
+    if (ret != 0) {
+        LOGE("Notify observer to add readFd(%d) failed, remote(%s).\n", rfd, remoteName.c_str());
+        return ret;
+    }
+    if (mode != SABLO_MODE_JOIN && timeout > 0) {
+        std::shared_ptr<SablePipeImpl> self = shared_from_this();
+        ret = observer.OnAsyncRequestIn([self]() { HandleServerOpen(self); }, priority);
+        if (ret != 0) {
+            LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, rfd,
+                 remoteName.c_str());
+        }
+    }
+    LOGI("readFd(%d) with writeFd(%d), remote %s established\n", rfd, writeFd.load(),
+         remoteName.c_str());
+    return 0;
+}
+
+void SablePipeImpl::HandleServerOpen(std::shared_ptr<SablePipeImpl> pipe) {
+    int ret = pipe->RetryOpenWriteFifo(500000);
+    if (ret >= 0) {
+        return;
+    }
+    if (ret != -1) {
+        LOGE("Self=>Remote:%s=>%s open pipe failed, ret=%d.\n", pipe->myName.c_str(),
+             pipe->remoteName.c_str(), ret);
+    }
+    pipe->HandleRemoteClosed();
+}
+
+// ---------------------------------------------------------------- send and receive
+
+int SablePipeImpl::Send(const SabloRequest& req, int timeoutMs) {
+    OutMessage msg(req.id, req, timeoutMs);
+    return Send(msg);
+}
+
+int SablePipeImpl::Send(const SabloResponse& rsp) {
+    OutMessage msg(rsp.id, rsp);
+    return Send(msg);
+}
+
+int SablePipeImpl::Send(OutMessage& msg) {
+    if (!msg.SizeValid()) {
+        LOGE("Send size %u is not valid\n", msg.payloadLen);
+        return -EINVAL;
+    }
+    LOGI("SablePipeImpl Send, writeFd = %d. %s  %s\n", writeFd.load(), myName.c_str(),
+         remoteName.c_str());
+    if (writeFd.load(std::memory_order_relaxed) < 0) {
+        int ret = OpenWriteFifo();
+        if (ret < 0) {
+            LOGI("write msg type=%u open write failed, err=%d, fd=%d, target=%s\n", msg.type, ret,
+                 fd.load(), remoteName.c_str());
+            return ret;
+        }
+    }
+    return Write(msg);
+}
+
+int SablePipeImpl::Write(OutMessage& msg) {
+    std::unique_ptr<char[]> frame;
+    size_t len = 0;
+    int ret = BuildFrame(msg, frame, len);
+    if (ret == 0) {
+        ret = Write(frame.get(), len, msg.id);
+    }
+    LOGD("readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
+         "checksum(%u)\n",
+         readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen,
+         msg.checksum);
+    return ret;
+}
+
+int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
+    sable::ReaderLock lock(fdMutex);
+    int wfd = writeFd.load();
+    if (wfd < 0) {
+        return -EPIPE;  // closed after the caller looked
+    }
+    SableComm::RunTimeRecord record(kSlowStepMs);
+    record.RecordCurrentTime();
+    // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
+    ssize_t n = write(wfd, buf, len);
+    int savedErrno = errno;
+    if (record.WhetherTotalTimeHasTimeout()) {
+        record.RunTimePrint("Writing " + writeFifoName + " takes more than " + "50" +
+                            "ms. fd=" + std::to_string(fd.load()) +
+                            ", FifoFd=" + std::to_string(wfd) + ", Msgid=" + std::to_string(msgId));
+    }
+    if (n == -1) {
+        if (savedErrno == EPIPE) {
+            LOGE_R("%s=>%s The pipe is broken, write unfinished, remote is closed.\n",
+                   myName.c_str(), remoteName.c_str());
+            return -EPIPE;
+        }
+        LOGE_R("write failed, errno = %d for readFd(%d) remote(%s)\n", savedErrno, readFd.load(),
+               remoteName.c_str());
+        return -savedErrno;
+    }
+    if (static_cast<size_t>(n) != len) {
+        LOGE("write size %ld is not equal to expected size %lu for readFd(%d) remote(%s)\n",
+             static_cast<long>(n), static_cast<unsigned long>(len), readFd.load(),
+             remoteName.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+int SablePipeImpl::Recv(void* buf, size_t len) {
+    if (buf == nullptr) {
+        LOGE("Input addrress is nullptr\n");
+        return -1;
+    }
+    int rfd = readFd.load(std::memory_order_relaxed);
+    ssize_t n = read(rfd, buf, len);
+    if (n == -1) {
+        int savedErrno = errno;
+        if (savedErrno == EAGAIN) {
+            LOGI("The readFd(%d) read fail, errno = %d, remoteName: %s\n", rfd, savedErrno,
+                 remoteName.c_str());
+        } else {
+            LOGE("The readFd(%d) read fail, errno = %d, remoteName: %s\n", rfd, savedErrno,
+                 remoteName.c_str());
+        }
+        return -savedErrno;
+    }
+    if (n == 0) {
+        return 0;
+    }
+    if (static_cast<size_t>(n) != len) {
+        LOGE("The readFd(%d) read size %ld instead of %lu, errno = %d, remoteName: %s\n", rfd,
+             static_cast<long>(n), static_cast<unsigned long>(len), errno, remoteName.c_str());
+        return -1;
+    }
+    return static_cast<int>(n);
+}
+
+std::unique_ptr<InMessage> SablePipeImpl::RecvMessage(SableComm::EpollTimeRecord& /*record*/) {
+    return ReadFrame(*this, readFd.load(std::memory_order_relaxed), remoteName);
+}
+
+bool SablePipeImpl::HandleMessage(SableComm::EpollTimeRecord& record) {
+    std::unique_ptr<InMessage> msg;
+    {
+        // Shared: a close waits until this frame is read, and no descriptor number is read
+        // after it was closed and possibly reused.
+        sable::ReaderLock lock(fdMutex);
+        if (readFd.load() < 0) {
+            return false;
+        }
+        msg = RecvMessage(record);
+    }
+    if (!msg) {
+        return false;
+    }
+    ProcessMessage(*msg);
+    return true;
+}
+
+void SablePipeImpl::HandleEvent(const struct epoll_event& event,
+                                SableComm::EpollTimeRecord& record) {
+    bool more = (event.events & EPOLLIN) != 0 && HandleMessage(record);
+    if ((event.events & EPOLLHUP) != 0) {
+        // The writer is gone for good: whatever it wrote before leaving is delivered before
+        // the close, not just the one frame a readiness event normally takes.
+        while (more) {
+            more = HandleMessage(record);
+        }
+        LOGI("%s=>%s readFd(%d) read msg 0, remote is closed\n", myName.c_str(),
+             remoteName.c_str(), readFd.load());
+        HandleRemoteClosed();
+    }
+}
+
+// ---------------------------------------------------------------- dispatch
+
+void SablePipeImpl::ProcessMessage(InMessage& msg) {
+    switch (msg.type) {
+        case 0:
+            ProcessRequest(msg);
+            break;
+        case 1:
+            ProcessResponse(msg);
+            break;
+        default:
+            break;
+    }
+}
+
+void SablePipeImpl::ProcessRequest(InMessage& msg) {
+    auto request = std::make_shared<InRequest>(msg);
+    // The handler is fixed at construction, so it is used in place rather than copied.
+    const Handler& handler = serviceHandler;
+    if (handler) {
+        ProcessCachedRequests(handler);
+        HandleRequest(request, handler);
+        return;
+    }
+    CacheRequest(request);
+}
+
+void SablePipeImpl::CacheRequest(const std::shared_ptr<InRequest>& request) {
+    sable::MutexLock lock(cacheMutex);
+    if (inReqCount > 999) {
+        LOGE("Add InRequest failed, out of space\n");
+        return;
+    }
+    inReqList.push_back(request);
+    ++inReqCount;
+}
+
+void SablePipeImpl::ProcessCachedRequests(const Handler& handler) {
+    sable::MutexLock lock(cacheMutex);
+    if (inReqCount == 0) {
+        return;
+    }
+    for (const auto& request : inReqList) {
+        HandleRequest(request, handler);
+    }
+    inReqList.clear();
+    inReqCount = 0;
+}
+
+std::list<std::shared_ptr<InRequest>> SablePipeImpl::GetInReqList() {
+    sable::MutexLock lock(cacheMutex);
+    return inReqList;
+}
+
+void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Handler& handler) {
+    if (closeFdAction.load() == -1) {
+        return;
+    }
+    std::shared_ptr<SablePipeImpl> self = weak_from_this().lock();
+    if (!self) {
+        return;  // not owned any more: nobody could close it after the callback
+    }
+    const int pipeFd = fd.load();
+    std::function<void()> task = [self, handler, request, pipeFd]() {
+        SabloRequest* record = request ? &request->Record() : nullptr;
+        if (!request) {
+            self->isCallbackHandleRemoteClose.store(true);
+        }
+        try {
+            handler(pipeFd, record);
+        } catch (const std::exception& e) {
+            LOGE("Request callback of fd=%d threw: %s\n", pipeFd, e.what());
+        } catch (...) {
+            LOGE("Request callback of fd=%d threw\n", pipeFd);
+        }
+        self->OnCallbackFinished();
+        if (!request) {
+            self->isCallbackHandleRemoteClose.store(false);
+            SabloClosePipe(pipeFd);
+            self->OnRemoteClosedFinished();
+        }
+    };
+    int ret = 0;
+    if (isConcur == 0) {
+        ret = observer.OnRequestIn(std::to_string(pipeFd), task, priority);
+    } else {
+        if (callbacksInFlight.load(std::memory_order_relaxed) > kMaxConcurrentCallbacks - 1) {
+            LOGE_R("Callback occupied over 200 threads fail. Drop the current callback for "
+                   "Remote=%s, fd=%d.",
+                   remoteName.c_str(), pipeFd);
+            return;
+        }
+        callbacksInFlight.fetch_add(1, std::memory_order_relaxed);
+        ret = observer.OnAsyncRequestIn(task, priority);
+        if (ret != 0) {
+            // Nothing was queued, so nothing will give the slot back but us.
+            callbacksInFlight.fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+    if (ret != 0) {
+        LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret,
+             readFd.load(), remoteName.c_str());
+    }
+}
+
+void SablePipeImpl::ProcessResponse(InMessage& msg) {
+    std::shared_ptr<OutRequest> waiting;
+    {
+        sable::MutexLock lock(outReqMutex);
+        waiting = outReqList.Pop(msg.id);
+        if (waiting) {
+            SabloResponse response{msg.id, reinterpret_cast<uint8_t*>(msg.ReleaseData()),
+                                   msg.payloadLen};
+            waiting->Process(response);
+        }
+    }
+}
+
+void SablePipeImpl::RemoveRequest(const SabloRequest& request) {
+    sable::MutexLock lock(outReqMutex);
+    outReqList.Erase(request.id);
+}
+
+void SablePipeImpl::OnCallbackFinished() {
+    if (isConcur != 0) {
+        callbacksInFlight.fetch_sub(1, std::memory_order_relaxed);
+    }
+}
+
+// ---------------------------------------------------------------- synchronous requests
+
+int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& response,
+                                    int timeoutMs) {
+    std::string runMode = EnvManager::GetRunMode();
+    LOGI("RUN_MODE=%s", runMode.c_str());
+    int budget = runMode == "1" ? kLongRunModeMs : timeoutMs;
+    request.id = AllocateId();
+    auto out = std::make_shared<OutSyncTimedRequest>(shared_from_this(), request.id, response,
+                                                     budget);
+    out->Init();
+    return outReqList.PushBack(out);
+}
+
+int SablePipeImpl::WaitForResponse(const SabloRequest& request, int timeoutMs) {
+    std::shared_ptr<OutRequest> waiting;
+    {
+        sable::MutexLock lock(outReqMutex);
+        waiting = outReqList.Find(request.id);
+    }
+    if (!waiting) {
+        return 0;  // the response came first and was handed over already
+    }
+    int ret = waiting->Wait();
+    if (ret == -EPIPE) {
+        LOGE("Self=%s, Remote=%s failed. Caught exception.\n", myName.c_str(),
+             remoteName.c_str());
+    } else if (ret < 0) {
+        LOGE("SabloRPC WaitForResponse timeout, id=%u,size=%u,timeout=%d ms,err=%d,Remote=%s,"
+             "Self=%s.\n",
+             request.id, request.size, timeoutMs, ret, remoteName.c_str(), myName.c_str());
+    }
+    return ret;
+}
+
+// ---------------------------------------------------------------- close
+
+void SablePipeImpl::CloseFd() {
+    LOGI("Sablecomm CloseFd, fd=%d, readfd=%d, writefd=%d, closeFdAction=%d, %s=>%s\n",
+         fd.load(), readFd.load(), writeFd.load(), closeFdAction.load(), myName.c_str(),
+         remoteName.c_str());
+    sable::WriterLock lock(fdMutex);
+    int action = closeFdAction.load();
+    if (action == 0) {
+        // Never opened: nothing to release, but an open that comes later must not revive it.
+        closeFdAction.store(-1);
+        return;
+    }
+    if (action != 1) {
+        return;
+    }
+    closeFdAction.store(-1);
+    int old = readFd.exchange(-1);
+    if (old >= 0) {
+        if (close(old) != 0) {
+            LOGE("close non block readFd %d failed, errno = %d\n", old, errno);
+        }
+        unlink(readFifoName.c_str());
+        LOGI("closefd unlink read=%s\n", readFifoName.c_str());
+    }
+    old = writeFd.exchange(-1);
+    if (old >= 0) {
+        if (close(old) != 0) {
+            LOGE("close writeFd %d failed, errno = %d\n", old, errno);
+        }
+        unlink(writeFifoName.c_str());
+    } else if (mode == SABLO_MODE_CREATE) {
+        unlink(writeFifoName.c_str());  // created here even if never opened
+    }
+    LOGI("closefd unlink write=%s\n", writeFifoName.c_str());
+}
+
+void SablePipeImpl::DeInitPipe() {
+    CloseFd();
+    outReqList.Disable();
+}
+
+void SablePipeImpl::HandleRemoteClosed() {
+    std::lock_guard<std::mutex> lock(remoteCloseMutex);
+    LOGD("readFd: %d, writeFd: %d, myName: %s reomteName: %s\n", readFd.load(), writeFd.load(),
+         myName.c_str(), remoteName.c_str());
+    const Handler& handler = serviceHandler;
+    if (handler) {
+        HandleRequest(nullptr, handler);
+    }
+    observer.OnPipeRemoteClosed(fd.load());
+    CloseFd();
+    outReqList.Disable();
+}
+
+void SablePipeImpl::OnRemoteClosedFinished() { observer.OnFreeSelfWorker(std::to_string(fd.load())); }
+
+void SablePipeImpl::ExceptionHandler() {
+    unlink(writeFifoName.c_str());
+    unlink(readFifoName.c_str());
+}

@@ -1,0 +1,172 @@
+// One connection to one remote process over a pair of FIFOs.
+#ifndef SABLE_PIPE_SABLE_PIPE_IMPL_H
+#define SABLE_PIPE_SABLE_PIPE_IMPL_H
+
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "base/Mutex.h"
+#include "monitor/DataMonitorImpl.h"
+#include "pipe/MagicReceiver.h"
+#include "pipe/OutRequestList.h"
+#include "sable_comm.h"
+
+class InMessage;
+class InRequest;
+class OutMessage;
+class PipeObserver;
+namespace SableComm {
+struct EpollTimeRecord;
+}
+
+// Shared-owned by the pipe table, the receive monitor and queued tasks.
+//
+// The end opened with mode 1 creates both FIFO files; the end opened with mode 0 waits for them.
+// Each direction has its own file, named from its writer to its reader.
+class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<SablePipeImpl> {
+public:
+    using Handler = std::function<void(int, SabloRequest*)>;
+
+    // Throws std::out_of_range for a priority without a receive monitor (1).
+    SablePipeImpl(const SabloAttr& attr, PipeObserver& observer);
+    ~SablePipeImpl() override;
+    SablePipeImpl(const SablePipeImpl&) = delete;
+    SablePipeImpl& operator=(const SablePipeImpl&) = delete;
+
+    // --- open ---
+    // Opens both ends within `timeoutMs` (below 1: no limit for the waits). 0 or a negative
+    // errno: -ETIMEDOUT, -ECANCELED (closed meanwhile), or the failing step's error.
+    virtual int TimedOpen(int timeoutMs);
+    // Path of the FIFO that `self` writes to `remote`; "" when it cannot be formed.
+    virtual std::string AssembleFifoName(const std::string& self, const std::string& remote,
+                                         SabloDomain domain) const;
+    std::string GetTableKey() const { return AssembleTableKey(myName + remoteName); }
+    static std::string AssembleTableKey(const std::string& name) { return name; }
+    std::string GetMyName() const { return myName; }
+    const std::string& GetRemoteName() const { return remoteName; }
+    int GetPipeFd() const { return fd.load(std::memory_order_relaxed); }
+    void SetFd(int pipeFd) { fd.store(pipeFd, std::memory_order_relaxed); }
+    DataMonitorType GetPipeDataMonitorType() const { return dataMonitorType; }
+    SabloPriority GetPriority() const { return priority; }
+    unsigned int AllocateId() { return nextId.fetch_add(1, std::memory_order_relaxed); }
+    DataMonitorType InitDataMonitorType(SabloPriority prio, SabloDomain dom) const;
+    int AppWaitForPipeReady(const std::string& fifoName, int timeoutMs) const;
+    int OpenWriteFifo();
+    int RetryOpenWriteFifo(unsigned int intervalUs);
+    int PrepareWriteFifo(int timeoutMs);
+    int OpenReadFd();
+    int CreateAndOpenFifo(const std::string& name, int oflag);
+    static void HandleServerOpen(std::shared_ptr<SablePipeImpl> pipe);
+
+    // --- send and receive ---
+    // Never blocks: -EAGAIN when the FIFO is full, -EPIPE when the reader has gone, -EINVAL for
+    // an empty or oversized payload, or the error of opening the write end.
+    int Send(const SabloRequest& req, int timeoutMs);
+    int Send(const SabloResponse& rsp);
+    int Send(OutMessage& msg);
+    int Write(OutMessage& msg);
+    int Write(const char* buf, size_t len, unsigned int msgId);
+    // Reads exactly `len` bytes from the read FIFO; the count, 0 at end of file, or a negative
+    // errno / -1 for a short read. Receive thread only.
+    int Recv(void* buf, size_t len) override;
+    std::unique_ptr<InMessage> RecvMessage(SableComm::EpollTimeRecord& record);
+    // Reads and dispatches one frame; false when none could be read.
+    bool HandleMessage(SableComm::EpollTimeRecord& record);
+    // Receive thread: data first, then hang-up.
+    void HandleEvent(const struct epoll_event& event, SableComm::EpollTimeRecord& record);
+
+    // --- dispatch ---
+    virtual void ProcessMessage(InMessage& msg);
+    void ProcessRequest(InMessage& msg);
+    virtual void HandleRequest(std::shared_ptr<InRequest> request, const Handler& handler);
+    void CacheRequest(const std::shared_ptr<InRequest>& request);
+    void ProcessCachedRequests(const Handler& handler);
+    std::list<std::shared_ptr<InRequest>> GetInReqList();
+    void ProcessResponse(InMessage& msg);
+    void RemoveRequest(const SabloRequest& request);
+    void OnRequestCancelled(const SabloRequest& request) { RemoveRequest(request); }
+    void OnCallbackFinished();
+    Handler GetServiceHandler() const { return serviceHandler; }
+
+    // --- synchronous requests ---
+    // Assigns `request.id` and records a waiter for its response. 0, -ENOMEM or -EPIPE.
+    int RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs);
+    // Blocks until the response came (0), the budget ran out (-ETIMEDOUT) or the pipe closed
+    // (-EPIPE).
+    int WaitForResponse(const SabloRequest& request, int timeoutMs);
+
+    // --- close ---
+    // Closes both descriptors and removes the FIFO files this end owns; idempotent.
+    void CloseFd();
+    // CloseFd, then releases every waiting synchronous request.
+    void DeInitPipe();
+    void HandleRemoteClosed();
+    void OnRemoteClosedFinished();
+    // Async-signal context: only unlinks the two FIFO files.
+    void ExceptionHandler();
+    bool IsCallbackHandleRemoteClose() const { return isCallbackHandleRemoteClose.load(); }
+
+    int GetReadFd() const { return readFd.load(std::memory_order_relaxed); }
+    int GetWriteFd() const { return writeFd.load(std::memory_order_relaxed); }
+    int GetCloseFdAction() const { return closeFdAction.load(); }
+    const std::string& GetWriteFifoName() const { return writeFifoName; }
+    const std::string& GetReadFifoName() const { return readFifoName; }
+
+protected:
+    // Re-forms both FIFO names after a change of `myName`.
+    void FormFifoNames();
+
+    // Descriptors are atomics so lock-free readers (logs, checks) stay race-free; they are only
+    // changed, and only used for I/O, under fdMutex.
+    std::atomic<int> writeFd{-1};
+    std::atomic<int> readFd{-1};
+    std::string myName;
+    std::string remoteName;
+    std::string targetCon;
+    std::atomic<int> fd{-1};
+    // 0 constructed, 1 open begun, -1 descriptors closed (never back).
+    std::atomic<int> closeFdAction{0};
+    PipeObserver& observer;
+    Handler callback;
+    int timeout;
+    int mode;
+    unsigned int gid;
+    SabloPriority priority;
+    int pid;
+    int isConcur;
+    SabloDomain domain;
+    int reserved = 0;
+    DataMonitorType dataMonitorType;
+    std::string writeFifoName;
+    std::string readFifoName;
+    std::atomic<unsigned int> nextId{0};
+
+    // Serialises TimedOpen; taken first, before any other lock of the pipe.
+    std::timed_mutex openMutex;
+    // Guards the descriptors' life: opening and closing take it exclusively, a frame write or a
+    // frame read takes it shared, so a descriptor is never closed under a running I/O call.
+    // Taken after openMutex.
+    sable::SharedMutex fdMutex ACQUIRED_AFTER(openMutex);
+    // Serialises remote-close handling; taken before fdMutex (CloseFd runs under it).
+    std::mutex remoteCloseMutex;
+
+    // Request side.
+    Handler serviceHandler;  // fixed at construction
+    sable::Mutex cacheMutex;  // guards the cache; held while cached requests are queued
+    std::list<std::shared_ptr<InRequest>> inReqList GUARDED_BY(cacheMutex);
+    uint64_t inReqCount GUARDED_BY(cacheMutex) = 0;
+    std::atomic<uint32_t> callbacksInFlight{0};
+    std::atomic<bool> isCallbackHandleRemoteClose{false};
+    // Guards the out-request list against the response path; taken before the list's own
+    // mutex and before a request's mutex.
+    sable::Mutex outReqMutex;
+    OutRequestList outReqList;
+};
+
+#endif

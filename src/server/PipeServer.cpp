@@ -1,0 +1,375 @@
+#include "server/PipeServer.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <system_error>
+
+#include "api/sable_comm_internal.h"
+#include "base/SingletonProtector.h"
+#include "base/safe_c.h"
+#include "env/EnvManager.h"
+#include "fifo/nux_fifo.h"
+#include "log/NuxSyslog.h"
+#include "server/PipeServerMessage.h"
+#include "table/SableTable.h"
+#include "table/TableFactory.h"
+
+namespace {
+constexpr int kLongRunModeMs = 18000000;
+constexpr uint32_t kMaxReadName = 110;
+}  // namespace
+
+std::shared_ptr<PipeServer> PipeServer::GetInstance() {
+    static std::shared_ptr<PipeServer> instance = std::make_shared<PipeServer>();
+    static sable::SingletonProtector<PipeServer> protector(instance);
+    return protector.Get();
+}
+
+PipeServer::~PipeServer() { Close(); }
+
+int PipeServer::GetFifoName(std::string& out) const {
+    std::string prefix = EnvManager::FifoPrefix();
+    std::string name = serverName.empty() ? EnvManager::ProcName() : serverName;
+    if (prefix.empty() || name.empty()) {
+        return -EINVAL;
+    }
+    out = prefix + name;
+    if (GetCurrDomain() == SABLO_DOMAIN_ELM) {
+        out = EnvManager::ElmFifoDirPrefix() + out;
+    }
+    return 0;
+}
+
+int PipeServer::Init(const SabloServerAttr& serverAttr) {
+    sable::MutexLock lock(serverMutex);
+    if (running.load()) {
+        std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+        LOGI("Server is already running. Table size=%d\n", table ? table->Size() : 0);
+        return -EEXIST;
+    }
+    ReleaseLocked();  // a thread that ended on its own left its descriptors behind
+    attr = serverAttr;
+    serverName = serverAttr.selfName != nullptr ? serverAttr.selfName : "";
+    attr.selfName = nullptr;  // never keep the caller's pointer
+    connectCallback = nullptr;
+    if (serverAttr.serverCallback != nullptr) {
+        connectCallback = serverAttr.serverCallback;
+    }
+    return InitServer();
+}
+
+int PipeServer::InitServer() {
+    running.store(true);
+    int ret = PreparaFifoFile();
+    if (ret != 0) {
+        LOGE("PrepareFileFd failed: err=%d, errno=%d.\n", ret, errno);
+        running.store(false);
+        return ret;
+    }
+    ret = PrepareEpoll();
+    if (ret != 0) {
+        LOGE("PrepareEpoll failed: err=%d, errno=%d.\n", ret, errno);
+        close(writeFd);
+        close(readFd);
+        writeFd = -1;
+        readFd = -1;
+        running.store(false);
+        return ret;
+    }
+    LOGD("Server start monitor routine.\n");
+    try {
+        monitorThread.Create(&PipeServer::MonitorRoutine, this);
+    } catch (const std::system_error& e) {
+        LOGE("Start Server monitorThread failed, system error: %s.\n", e.what());
+        running.store(false);
+        ReleaseLocked();
+        return -ENOSPC;
+    } catch (...) {
+        LOGE("Start Server monitorThread failed.\n");
+        running.store(false);
+        ReleaseLocked();
+        return -ENOSPC;
+    }
+    // Priority 0 asks for no scheduling change at all.
+    if (attr.priority != SABLO_PRIORITY_DEFAULT) {
+        ret = monitorThread.SetRTType(attr.priority);
+        if (ret != 0) {
+            LOGE("Set server monitor thread to type %d failed, ret=%d\n", attr.priority, ret);
+            SendMsgToServer(writeFd);
+            ReleaseLocked();
+            return ret;
+        }
+    }
+    return 0;
+}
+
+int PipeServer::PreparaFifoFile() {
+    int ret = GetFifoName(fifoName);
+    if (ret != 0) {
+        LOGE("GetFifoName error=%d, errno=%d.\n", ret, errno);
+        return ret;
+    }
+    // Creating the FIFO removes whatever stands at the name, a live server's FIFO included:
+    // ask that FIFO's lock first, so a second server fails here and the first keeps serving.
+    if (IsFifoFile(fifoName) == 0) {
+        int probe = open(fifoName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (probe >= 0) {
+            if (flock(probe, LOCK_EX | LOCK_NB) != 0) {
+                int savedErrno = errno;
+                LOGE("Server %s flock failed: monitorfd=%d, err=%d, errno=%d.\n",
+                     fifoName.c_str(), probe, -1, savedErrno);
+                close(probe);
+                return -savedErrno;
+            }
+            close(probe);  // releases the probe's lock
+        }
+    }
+    ret = CreateFifo(fifoName, attr.gid, -1, SABLO_DOMAIN_NONE, "");
+    if (ret != 0) {
+        LOGE("CreateFifo %s error=%d, errno=%d.\n", fifoName.c_str(), ret, errno);
+        return ret;
+    }
+    readFd = OpenFifo(fifoName, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (readFd < 0) {
+        ret = readFd;
+        readFd = -1;
+        if (access(fifoName.c_str(), F_OK) == 0) {
+            unlink(fifoName.c_str());
+        }
+        LOGE("OpenFifo %s error=%d, errno=%d.\n", fifoName.c_str(), ret, errno);
+        return ret;
+    }
+    // Our own writer: the reader never sees end of file when the last client leaves, and the
+    // stop packet has a way in.
+    writeFd = OpenFifo(fifoName, O_WRONLY | O_CLOEXEC);
+    if (writeFd < 0) {
+        ret = writeFd;
+        writeFd = -1;
+        LOGE("Open writable server fifo %s error, ret=%d, errno=%d.\n", fifoName.c_str(), ret,
+             errno);
+        close(readFd);
+        readFd = -1;
+        if (access(fifoName.c_str(), F_OK) == 0) {
+            unlink(fifoName.c_str());
+        }
+        return ret;
+    }
+    return 0;
+}
+
+int PipeServer::PrepareEpoll() {
+    epollFd = epoll_create1(EPOLL_CLOEXEC);
+    if (epollFd < 0) {
+        int savedErrno = errno;
+        LOGE("Create epoll instance failed: err=%d, errno=%d.\n", epollFd, savedErrno);
+        epollFd = -1;
+        return -savedErrno;
+    }
+    int ret = AddFdToEpoll(epollFd, readFd, readFd, EPOLLIN);
+    if (ret != 0) {
+        LOGE("Add fd to epoll error: ret=%d.\n", ret);
+        close(epollFd);
+        epollFd = -1;
+        return ret;
+    }
+    if (flock(readFd, LOCK_EX | LOCK_NB) != 0) {
+        int savedErrno = errno;
+        LOGE("Server %s flock failed: monitorfd=%d, err=%d, errno=%d.\n", fifoName.c_str(),
+             readFd, -1, savedErrno);
+        close(epollFd);
+        epollFd = -1;
+        return -savedErrno;
+    }
+    return 0;
+}
+
+int PipeServer::Recv(void* buf, size_t len) {
+    while (true) {
+        struct epoll_event event {};
+        int n = epoll_wait(epollFd, &event, 1, -1);
+        if (n < 0) {
+            int savedErrno = errno;
+            if (savedErrno == EINTR) {
+                continue;
+            }
+            LOGE("Epoll_wait on PipeServer monitor pipe failed, %s.", strerror(savedErrno));
+            return -savedErrno;
+        }
+        if (n == 0) {
+            return -1;
+        }
+        if (event.data.fd != readFd) {
+            continue;
+        }
+        if ((event.events & EPOLLIN) != 0) {
+            ssize_t r = read(readFd, buf, len);
+            return r < 0 ? -errno : static_cast<int>(r);
+        }
+        if ((event.events & EPOLLHUP) != 0) {
+            LOGI("All clients closed monitor pipe.\n");
+        }
+    }
+}
+
+void PipeServer::MonitorRoutine() {
+    if (prctl(PR_SET_NAME, "sable_comm_server") != 0) {
+        LOGI("Set server thread name unfinished, errno = %d\n", errno);
+    }
+    KorCoreSetaffinity();
+    MonitorRoutineLinux();
+}
+
+void PipeServer::MonitorRoutineLinux() {
+    LOGI("begin MonitorRoutineLinux.\n");
+    while (running.load()) {
+        int magic = RecvMagic();
+        if (magic == MAGIC_PEER_CLOSED) {
+            LOGI("Read unfinished\n");
+            break;
+        }
+        if (magic != MAGIC_OK) {
+            LOGI("Read return %d.\n", magic);
+            continue;
+        }
+        uint32_t type = 0;
+        int ret = Recv(&type, sizeof(type));
+        if (ret != static_cast<int>(sizeof(type)) || type > PIPE_SERVER_MSG_TERMINATE) {
+            LOGE("Read type failed, ret=%d, type=%d, errno=%d.\n", ret, static_cast<int>(type),
+                 errno);
+            continue;
+        }
+        if (type == PIPE_SERVER_MSG_TERMINATE) {
+            LOGI("Read terminate info, start exit monitor routine.\n");
+            break;
+        }
+        uint32_t gid = 0;
+        ret = Recv(&gid, sizeof(gid));
+        if (ret != static_cast<int>(sizeof(gid))) {
+            LOGE("Read client gid failed, ret=%d, recv gid=%u, errno=%d.\n", ret, gid, errno);
+            continue;
+        }
+        int32_t pid = 0;
+        ret = Recv(&pid, sizeof(pid));
+        if (ret != static_cast<int>(sizeof(pid))) {
+            LOGE("Read client pid failed, ret=%d, recv pid=%d, errno=%d.\n", ret, pid, errno);
+            continue;
+        }
+        uint32_t nameSize = 0;
+        ret = Recv(&nameSize, sizeof(nameSize));
+        if (ret != static_cast<int>(sizeof(nameSize)) || nameSize < 1 ||
+            nameSize > kMaxReadName) {
+            LOGE("Read connect packet data size failed, ret=%d, size=%u bytes, errno=%d.\n", ret,
+                 nameSize, errno);
+            continue;
+        }
+        LOGI("server get client name size: %u\n", nameSize);
+        std::unique_ptr<char[]> name(new char[nameSize + 1]);
+        if (memset_s(name.get(), nameSize + 1, 0, nameSize + 1) != 0) {
+            LOGE("Memset client name buffer error.\n");
+            continue;
+        }
+        ret = Recv(name.get(), nameSize);
+        if (ret != static_cast<int>(nameSize)) {
+            LOGE("Read connect packet data failed, ret=%d, clientName=%s,required size=%u "
+                 "bytes, errno=%d.\n",
+                 ret, name.get(), nameSize, errno);
+            continue;
+        }
+        name[nameSize] = '\0';
+        LOGI("Server %s get client name: %s.\n", serverName.c_str(), name.get());
+        CallSabloOpenAsync(name, gid, pid);
+    }
+    running.store(false);
+}
+
+void PipeServer::CallSabloOpenAsync(const std::unique_ptr<char[]>& clientName, unsigned int gid,
+                                    int pid) const {
+    std::string runMode = EnvManager::GetRunMode();
+    LOGI("RUN_MODE=%s", runMode.c_str());
+    SabloAttr pipeAttr;
+    pipeAttr.selfName = serverName.empty() ? nullptr : serverName.c_str();
+    pipeAttr.targetName = clientName.get();
+    pipeAttr.mode = SABLO_MODE_CREATE;
+    pipeAttr.timeout = runMode == "1" ? kLongRunModeMs : CLIENT_OPEN_TIMEOUT_MS;
+    pipeAttr.targetPid = pid;
+    pipeAttr.gid = gid;
+    pipeAttr.priority = attr.priority;
+    if (attr.callback != nullptr) {
+        pipeAttr.callback = attr.callback;
+    }
+    LOGI("SabloServerOpen start selfName=%s, targetName=%s, mode=%d, timeout=%d ms, "
+         "targetPid=%d, gid=%u, priority=%d, isConcur=%d\n",
+         serverName.c_str(), clientName.get(), pipeAttr.mode, pipeAttr.timeout, pid, gid,
+         pipeAttr.priority, static_cast<int>(pipeAttr.isConcur));
+    int ret = SabloPipeTypeOpen(&pipeAttr, SABLO_SERVER_PIPE);
+    if (ret >= 1) {
+        if (connectCallback) {
+            LOGI("Enter user callback: %d\n", ret);
+            connectCallback(ret, SabloClientInfo{pid, gid, clientName.get()});
+            LOGI("Finish user callback: %d\n", ret);
+        }
+    } else {
+        LOGE("In callback Open pipe %s failed %d.\n", clientName.get(), ret);
+    }
+}
+
+int PipeServer::SendMsgToServer(int fd) const {
+    PipeServerMessage msg(PIPE_SERVER_MSG_TERMINATE, "");
+    int ret = msg.Init();
+    if (ret != 0) {
+        LOGE("Msg Init fail, err=%d.\n", ret);
+        return ret;
+    }
+    ssize_t n = write(fd, msg.Data(), msg.Size());
+    if (n != static_cast<ssize_t>(msg.Size())) {
+        int savedErrno = errno;
+        LOGE("Write dataIn fail: %ld, writeFd=%d, errno=%d.\n", static_cast<long>(n), fd,
+             savedErrno);
+        return -savedErrno;
+    }
+    LOGI("%s send name to server itself success.\n", fifoName.c_str());
+    return 0;
+}
+
+void PipeServer::Close() {
+    sable::MutexLock lock(serverMutex);
+    if (running.load()) {
+        int ret = SendMsgToServer(writeFd);
+        if (ret != 0) {
+            LOGE("Send stop message to server fail, ret=%d.\n", ret);
+        }
+    }
+    ReleaseLocked();
+}
+
+void PipeServer::ReleaseLocked() {
+    if (monitorThread.Joinable()) {
+        monitorThread.Join();
+    }
+    if (readFd >= 0) {
+        flock(readFd, LOCK_UN | LOCK_NB);
+    }
+    for (int* fd : {&epollFd, &writeFd, &readFd}) {
+        if (*fd >= 0) {
+            close(*fd);
+            *fd = -1;
+        }
+    }
+    running.store(false);
+}
+
+void PipeServer::ExceptionHandler() {
+    if (!fifoName.empty()) {
+        unlink(fifoName.c_str());
+    }
+}
+
+SabloServerAttr PipeServer::GetServerAttr() const { return attr; }
+
+std::string PipeServer::GetFifoNameForDFX() const { return fifoName; }

@@ -1,0 +1,255 @@
+#include "table/SableTable.h"
+
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <new>
+#include <vector>
+
+#include "api/nux_check.h"
+#include "env/EnvManager.h"
+#include "log/NuxSyslog.h"
+#include "pipe/SableClientPipe.h"
+#include "pipe/SablePipeImpl.h"
+#include "pool/CallbackPool.h"
+
+SableTable::SableTable(const std::shared_ptr<CallbackPool>& pool) : callbackPool(pool) {}
+
+SableTable::~SableTable() {
+    // Gives callbacks that are just finishing a moment before everything is torn down.
+    usleep(50000);
+    DisableSableTable();
+}
+
+std::shared_ptr<SablePipeImpl> SableTable::MakePipe(const SabloAttr& attr, SabloPipeType type) {
+    switch (type) {
+        case SABLO_CLIENT_PIPE:
+            LOGI("make SABLO_CLIENT_PIPE, %s.\n", attr.targetName);
+            return std::make_shared<SableClientPipe>(attr, *this);
+        case SABLO_NORMAL_PIPE:
+            LOGI("make SABLO_NORMAL_PIPE, %s.\n", attr.targetName);
+            return std::make_shared<SablePipeImpl>(attr, *this);
+        case SABLO_SERVER_PIPE:
+            LOGI("make SABLO_SERVER_PIPE, %s.\n", attr.targetName);
+            return std::make_shared<SablePipeImpl>(attr, *this);
+        default:
+            return std::make_shared<SablePipeImpl>(attr, *this);
+    }
+}
+
+int SableTable::MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type) {
+    std::shared_ptr<SablePipeImpl> pipe = MakePipe(*attr, type);
+    int ret = PrepareMonitor(attr->priority, pipe->GetPipeDataMonitorType());
+    if (ret != 0) {
+        LOGE("Prepare Monitor failed, ret is %d\n", ret);
+        return ret;
+    }
+    const std::string key = pipe->GetTableKey();
+    std::shared_ptr<SablePipeImpl> target;
+    int result = 0;
+    {
+        sable::WriterLock lock(tableLock);
+        auto it = pipeKeyTable.find(key);
+        if (it != pipeKeyTable.end()) {
+            target = it->second;
+            result = target->GetPipeFd();
+        } else {
+            result = Insert(pipe);
+            if (result < 0) {
+                LOGE("Cannot alloc new fd, ret = %d\n", result);
+                return result;
+            }
+            target = pipe;
+        }
+    }
+    pipe.reset();  // an unused duplicate goes here, outside the lock
+    int status = target->TimedOpen(attr->timeout);
+    if (status == -ETIMEDOUT) {
+        LOGI("AddPipe timedout when open\n");
+        return status;
+    }
+    if (status == -ECANCELED) {
+        LOGI("Open is cancelled\n");
+        return status;
+    }
+    if (status < 0) {
+        LOGE("AddPipe failed when open fd=%d, err=%d\n", result, status);
+        return status;
+    }
+    return result;
+}
+
+int SableTable::Insert(std::shared_ptr<SablePipeImpl> pipe) {
+    if (static_cast<int>(pipeFdTable.size()) > MAX_PIPES - 1) {
+        return -ENOMEM;
+    }
+    int fd = AllocateFd();
+    if (fd < 0) {
+        LOGE("Exceed fd maximum number, ret = %d\n", fd);
+        return fd;
+    }
+    pipe->SetFd(fd);
+    pipeFdTable.emplace(fd, pipe);
+    pipeKeyTable.emplace(pipe->GetTableKey(), pipe);
+    LOGD("Pipe table size: %d, alloc fd = %d\n", static_cast<int>(pipeFdTable.size()), fd);
+    return fd;
+}
+
+std::shared_ptr<SablePipeImpl> SableTable::GetPipe(int fd) {
+    if (fd < 1) {
+        LOGD("Input fd(%d) is invalid\n", fd);
+        return nullptr;
+    }
+    sable::ReaderLock lock(tableLock);
+    auto it = pipeFdTable.find(fd);
+    if (it == pipeFdTable.end()) {
+        LOGI("GetPipe failed, input fd = %d\n", fd);
+        return nullptr;
+    }
+    return it->second;
+}
+
+int SableTable::PrepareMonitor(SabloPriority priority, DataMonitorType type) {
+    sable::MutexLock lock(monitorLock);
+    if (monitors[type]) {
+        return 0;
+    }
+    int ret = InitMonitor(priority, type);
+    if (ret != 0) {
+        LOGE("Init monitor failed for RTType %d, ret %d \n", priority, ret);
+    }
+    return ret;
+}
+
+int SableTable::InitMonitor(SabloPriority priority, DataMonitorType type) {
+    const char* name = EnvManager::ProcName();
+    if (CheckInputName(name, strnlen(name, 101), 100) != 0) {
+        LOGE("PROC_NAME is not available\n");
+        return -EINVAL;
+    }
+    monitors[type].reset(new (std::nothrow) DataMonitorImpl());
+    if (!monitors[type]) {
+        LOGE("Make dataMonitor(type = %d) alloc failed", type);
+        return -ENOMEM;
+    }
+    int id = AllocateFd();
+    int ret = monitors[type]->Init(priority, id, type);
+    if (ret < 0) {
+        LOGE("Init dataMonitor(type = %d) failed, ret = %d", type, ret);
+        monitors[type].reset();
+        return ret;
+    }
+    return 0;
+}
+
+int SableTable::OnPipeOpened(int readFd, int fd, std::shared_ptr<SablePipeImpl> pipe) {
+    sable::MutexLock lock(monitorLock);
+    DataMonitorImpl* monitor =
+        pipe ? monitors[pipe->GetPipeDataMonitorType()].get() : monitors[1].get();
+    if (monitor == nullptr) {
+        LOGE("DataMonitor memory problem\n");
+        return -ESPIPE;
+    }
+    return monitor->Add(fd, readFd, pipe);
+}
+
+SableTable::iterator SableTable::RemoveDataMonitor(int fd) {
+    auto it = pipeFdTable.find(fd);
+    if (it == pipeFdTable.end()) {
+        LOGI("RemoveDataMonitor not find pipe(%d) from pipeFdTable.\n", fd);
+        return it;
+    }
+    sable::MutexLock lock(monitorLock);
+    DataMonitorImpl* monitor = monitors[it->second->GetPipeDataMonitorType()].get();
+    if (monitor != nullptr && monitor->Remove(fd) != 0) {
+        LOGI("Remove pipe(%d) from pipeIdxTable unfinished\n", fd);
+    }
+    return it;
+}
+
+void SableTable::OnPipeRemoteClosed(int fd) {
+    sable::WriterLock lock(tableLock);
+    RemoveDataMonitor(fd);
+}
+
+void SableTable::CloseSablePipe(int fd) {
+    sable::MutexLock close(closeLock);
+    std::shared_ptr<SablePipeImpl> pipe;
+    {
+        sable::WriterLock lock(tableLock);
+        auto it = RemoveDataMonitor(fd);
+        if (it == pipeFdTable.end()) {
+            return;
+        }
+        pipe = it->second;
+        pipeFdTable.erase(it);
+        pipeKeyTable.erase(pipe->GetTableKey());
+        LOGI("pipe(%d) is removed from table\n", fd);
+    }
+    pipe->DeInitPipe();
+    if (!pipe->IsCallbackHandleRemoteClose()) {
+        callbackPool->FreeWorker(std::to_string(fd));
+    }
+}
+
+void SableTable::ExceptionHandler() {
+    sable::WriterLock lock(tableLock);
+    for (auto& entry : pipeFdTable) {
+        entry.second->ExceptionHandler();
+    }
+}
+
+void SableTable::DisableSableTable() {
+    std::map<int, std::shared_ptr<SablePipeImpl>> closed;
+    {
+        sable::WriterLock lock(tableLock);
+        for (auto& entry : pipeFdTable) {
+            entry.second->DeInitPipe();
+        }
+        closed.swap(pipeFdTable);
+        pipeKeyTable.clear();
+    }
+    // Monitors are taken out under the lock but destroyed outside it: a receive thread being
+    // joined may itself be waiting for the table and monitor locks on its way out.
+    std::unique_ptr<DataMonitorImpl> stopping[DATA_MONITOR_TYPE_NUM];
+    {
+        sable::MutexLock lock(monitorLock);
+        for (int i = 0; i < DATA_MONITOR_TYPE_NUM; ++i) {
+            stopping[i] = std::move(monitors[i]);
+        }
+    }
+    for (auto& monitor : stopping) {
+        if (monitor) {
+            monitor->Destroy();
+            monitor.reset();
+        }
+    }
+    callbackPool->Destroy();
+    isDisable.store(true);
+}
+
+int SableTable::Size() const {
+    sable::ReaderLock lock(tableLock);
+    return static_cast<int>(pipeFdTable.size());
+}
+
+int SableTable::NumWorkers() const { return static_cast<int>(callbackPool->NumWorkers()); }
+
+int SableTable::NumUrgentWorkers() const {
+    return static_cast<int>(callbackPool->NumUrgentWorkers());
+}
+
+int SableTable::OnRequestIn(std::string workerKey, const std::function<void()>& task,
+                            SabloPriority priority) const {
+    return callbackPool->DropTo(workerKey, task, priority);
+}
+
+int SableTable::OnAsyncRequestIn(const std::function<void()>& task,
+                                 SabloPriority priority) const {
+    return callbackPool->DropAsyncTask(task, priority);
+}
+
+int SableTable::OnFreeSelfWorker(std::string workerKey) {
+    return callbackPool->FreeWorker(workerKey);
+}

@@ -1,0 +1,16 @@
+// The one way to reach the process-wide pipe table.
+#ifndef SABLE_TABLE_TABLE_FACTORY_H
+#define SABLE_TABLE_TABLE_FACTORY_H
+
+#include <memory>
+
+class SableTable;
+
+class TableFactory {
+public:
+    // Builds worker pool -> callback pool -> table once (thread-safe). Empty once the process
+    // has begun destroying them at exit.
+    static std::shared_ptr<SableTable> GetInstance();
+};
+
+#endif
