@@ -7,17 +7,26 @@
 #include <cstddef>
 
 extern "C" {
+#include <safe_lib_errno.h>
 #include <safe_mem_lib.h>
 #include <safe_str_lib.h>
 }
 
 namespace sable {
 
-// Formats at most `count` characters (terminator excluded) into `dest` of `destSize` bytes.
-// Negative when the text does not fit or the format fails; `dest` then holds an empty string.
+// Formats into `dest` (of `destSize` bytes) using at most min(destSize, count) bytes, the
+// terminator included, as the counted form of the platform library does. A text of that many
+// characters or more, like a failing format, gives a negative result and an empty `dest`.
 inline int VsnprintfCount(char* dest, size_t destSize, size_t count, const char* fmt, va_list ap) {
     size_t dmax = destSize < count + 1 ? destSize : count;
-    return vsnprintf_s(dest, dmax, fmt, ap);
+    int ret = vsnprintf_s(dest, dmax, fmt, ap);
+    // A text of exactly dmax characters comes back cut to dmax - 1 with a positive count
+    // instead of an error; callers rely on a cut text being reported, so report it here.
+    if (ret >= 0 && static_cast<size_t>(ret) >= dmax) {
+        dest[0] = '\0';
+        return -ESNOSPC;
+    }
+    return ret;
 }
 
 __attribute__((format(printf, 4, 5))) inline int SnprintfCount(char* dest, size_t destSize,

@@ -12,7 +12,8 @@ public:
     static constexpr size_t PROC_NAME_SIZE = 101;
 
     // The one process-wide environment mutex: every read-modify of the environment and of the
-    // cached values takes it. A leaf lock apart from the logger's.
+    // cached values takes it. Lock order: taken after the logger's mutex (the first log line
+    // resolves the process name), so nothing logs while holding it.
     static std::mutex& Instance();
 
     // The process name: PROC_NAME, else the kernel's name of the process ("process-manager" is

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
-#include <string>
+#include <string_view>
 
 #include "base/safe_c.h"
 #include "env/EnvManager.h"
@@ -25,8 +25,10 @@ const char* const kTypeTags[8] = {"NUX",       "SABLECOMM", "FAULTEVENT", "HEART
                                   "NUX",       "SABLECOMM", "FAULTEVENT", "HEARTBEAT"};
 
 // Serialises line building and the syslog call so lines of concurrent threads stay whole and
-// in order. A plain function-local object would be destroyed at exit while other static
-// destructors still log, so it is never destroyed.
+// in order. Lock order: taken before the environment mutex (the first line of the process
+// resolves the process name under it) and never while the restraint table's mutex is held.
+// A plain function-local object would be destroyed at exit while other static destructors
+// still log, so it is never destroyed.
 std::mutex& LogMutex() {
     static std::mutex* mu = new std::mutex;
     return *mu;
@@ -41,7 +43,8 @@ bool SiteMayPrint(int line, const char* file) {
         file == nullptr || strcat_s(key, sizeof(key), file) != 0) {
         return false;
     }
-    size_t hash = std::hash<std::string>{}(std::string(key));
+    // The string_view hash is the string hash over the same bytes, without a copy.
+    size_t hash = std::hash<std::string_view>{}(std::string_view(key));
     auto restraint = NuxCore::NuxRestrainedLog::GetInstance(true);
     if (!restraint) {
         return false;
