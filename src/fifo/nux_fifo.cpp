@@ -142,6 +142,12 @@ void LabelFifo(const std::string& tmp, int pid, SabloDomain domain, const std::s
     }
 }
 
+// access(F_OK) that does not follow a symbolic link: a dangling link at the FIFO name counts as
+// something standing there, or it would make every later link of the name fail with EEXIST.
+bool Exists(const std::string& path) {
+    return faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 // Result of publishing `tmp` under `path` when link said EEXIST: another creator won the race,
 // which is fine as long as what it left there is a real FIFO.
 int AcceptExisting(const std::string& path) {
@@ -242,7 +248,7 @@ int RemoveFdFromEpoll(int epollFd, int fd) {
 int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain domain,
                const std::string& targetCon) {
     // Whatever stands at the name goes, whatever it is: the name is ours to (re)create.
-    if (access(path.c_str(), F_OK) == 0) {
+    if (Exists(path)) {
         unlink(path.c_str());
     }
 
@@ -298,7 +304,7 @@ int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain d
         }
         if (result != 0) {
             // Do not leave a planted object where peers will look for the FIFO.
-            if (access(path.c_str(), F_OK) == 0) {
+            if (Exists(path)) {
                 unlink(path.c_str());
             }
             LOGE("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.\n",
