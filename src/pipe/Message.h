@@ -1,0 +1,83 @@
+// The message objects carried by one frame on a pipe FIFO: what a sender builds on its stack
+// (OutMessage) and what a receiver reads off the FIFO (InMessage).
+#ifndef SABLE_PIPE_MESSAGE_H
+#define SABLE_PIPE_MESSAGE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "sable_comm.h"
+
+// Frame header and trailer fields shared by both directions. Not thread-safe: a message belongs
+// to the thread that builds or reads it.
+class Message {
+public:
+    // Largest payload a frame may carry; a frame (payload plus OverheadSize()) then stays below
+    // the FIFO's atomic-write size.
+    static const uint64_t MAX_PAYLOAD_LEN = 4000;
+
+    Message(unsigned id, unsigned type, unsigned payloadLen);
+    virtual ~Message() = default;
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+
+    // The payload, or null when there is none.
+    virtual uint8_t* GetData() const = 0;
+
+    // Computes the additive checksum over id, type, payloadLen, the payload bytes and the
+    // magic, stores it in `checksum` and returns it. Allocates nothing.
+    uint32_t Checksum();
+    // Bytes of a frame besides the payload: magic, id, type, payloadLen, checksum, timeout and
+    // write time.
+    size_t OverheadSize() const { return OVERHEAD_SIZE; }
+    // Length of the whole frame in bytes; never overflows.
+    size_t Size() const { return static_cast<size_t>(payloadLen) + OverheadSize(); }
+    // A payload of 1 to MAX_PAYLOAD_LEN bytes.
+    bool SizeValid() const;
+
+    uint32_t id;
+    uint32_t type;  // 0 request, 1 response
+    uint32_t payloadLen;
+    uint32_t checksum = 0;
+
+private:
+    static constexpr size_t OVERHEAD_SIZE = 32;
+};
+
+// A message read off a FIFO. Owns its payload array (allocated on first GetData()).
+class InMessage : public Message {
+public:
+    InMessage(unsigned id, unsigned type, unsigned payloadLen);
+    ~InMessage() override;
+
+    // The payload as it stands: null before the non-const GetData() allocated it or after
+    // ReleaseData().
+    uint8_t* GetData() const override { return data; }
+    // Allocates the payload array of payloadLen bytes on the first call when SizeValid();
+    // otherwise returns the array as it stands (null for an invalid size or when the
+    // allocation failed).
+    uint8_t* GetData();
+    // Hands the payload array (allocated with new[]) to the caller, who then frees it with
+    // delete[]; the message no longer owns it.
+    uint8_t* ReleaseData();
+
+private:
+    uint8_t* data = nullptr;
+};
+
+// A message to send, built on the caller's stack over the caller's payload, which it does not
+// own and which must outlive it.
+class OutMessage : public Message {
+public:
+    // A request (type 0) carrying the sender's time-out in milliseconds.
+    OutMessage(unsigned id, const SabloRequest& req, int timeout);
+    // A response (type 1); its time-out is always -1.
+    OutMessage(unsigned id, const SabloResponse& rsp);
+
+    uint8_t* GetData() const override { return dataOut; }
+
+    int32_t timeout;
+    uint8_t* dataOut;
+};
+
+#endif

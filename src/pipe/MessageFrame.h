@@ -1,0 +1,30 @@
+// Turning a message into the bytes of one frame and reading one frame back.
+//
+// Frame (native byte order): magic u32, id u32, type u32, payloadLen u32, payload, checksum u32,
+// timeout i32, writeStartTime u64 (sender's monotonic microseconds); 32 + payloadLen bytes.
+#ifndef SABLE_PIPE_MESSAGE_FRAME_H
+#define SABLE_PIPE_MESSAGE_FRAME_H
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "pipe/MagicReceiver.h"
+#include "pipe/Message.h"
+
+// Builds the frame of `msg` into a new buffer of msg.Size() bytes, stored in `buf` and `len`;
+// sets msg.checksum. 0, or -EINVAL for a null payload (error line) or an invalid size (no line:
+// the sender has already refused and logged it), -ENOMEM when the buffer cannot be allocated, or
+// the negated status of a failed payload copy. On failure `buf` and `len` are left alone.
+// Thread-safe for distinct messages.
+int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
+
+// Reads one frame through rx.Recv, one Recv of exactly the field's size per field, and returns
+// the message with its payload and checksum. Any failure (bad magic, end of file, a short or
+// failed read, a length outside 1..MAX_PAYLOAD_LEN, a checksum that does not match) is logged
+// and yields null, with the source left wherever the failure stopped: nothing skips ahead to
+// the next frame. Never reads past the frame's own bytes. `readFd` and `remoteName` only name
+// the source in the checksum line. Blocks only as long as rx.Recv does.
+std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::string& remoteName);
+
+#endif
