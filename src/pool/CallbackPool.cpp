@@ -1,0 +1,122 @@
+#include "pool/CallbackPool.h"
+
+#include <errno.h>
+
+#include "log/NuxSyslog.h"
+
+CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool)
+    : pool(std::move(workerPool)) {}
+
+CallbackPool::~CallbackPool() {
+    // Borrowed workers report back to this object: none may still be running when it goes.
+    if (!destroyed.load()) {
+        Destroy();
+    }
+}
+
+int CallbackPool::DropAsyncTask(const std::function<void()>& callback, SabloPriority prio) {
+    if (!callback) {
+        LOGE("Input parameter invalid\n");
+        return -EINVAL;
+    }
+    if (destroyed.load()) {
+        LOGW("Using thread pool after destroy.");
+        return -EACCES;
+    }
+    Worker* worker = prio == SABLO_PRIORITY_REALTIME ? pool->GetUrgentWorker() : pool->GetWorker();
+    if (worker == nullptr) {
+        // Destroy began while this caller waited for a worker.
+        LOGW("Using thread pool after destroy.");
+        return -EACCES;
+    }
+    if (prio != SABLO_PRIORITY_DEFAULT) {
+        int ret = worker->SetRTType(prio);
+        if (ret != 0) {
+            LOGE("Set worker attribute failed, ret = %d\n", ret);
+            pool->FreeWorker(*worker);
+            return ret;
+        }
+    }
+    std::shared_ptr<const SableTask> task = std::make_shared<OneShotTask>(callback, *this, *worker);
+    int ret = worker->Assign(task);
+    if (ret != 0) {
+        // Not queued, so OnTaskFinished will never give the worker back.
+        pool->FreeWorker(*worker);
+    }
+    return ret;
+}
+
+int CallbackPool::DropTo(const std::string& name, const std::function<void()>& callback,
+                         SabloPriority prio) {
+    if (!callback) {
+        LOGE("Input parameter invalid\n");
+        return -EINVAL;
+    }
+    int error = 0;
+    Worker* worker = FindWorker(name, error);
+    if (worker == nullptr) {
+        return error;
+    }
+    if (prio != SABLO_PRIORITY_DEFAULT) {
+        int ret = worker->SetRTType(prio);
+        if (ret != 0) {
+            LOGE("Set worker attribute failed, ret = %d\n", ret);
+            return ret;
+        }
+    }
+    std::shared_ptr<const SableTask> task = std::make_shared<SyncTask>(callback);
+    return worker->Assign(task);
+}
+
+Worker* CallbackPool::FindWorker(const std::string& name) {
+    int error = 0;
+    return FindWorker(name, error);
+}
+
+Worker* CallbackPool::FindWorker(const std::string& name, int& error) {
+    Worker* worker = pool->WorkerOf(name);
+    if (worker != nullptr) {
+        return worker;
+    }
+    sable::MutexLock lock(findMutex);
+    // Another thread may have bound the name while this one waited for the lock.
+    worker = pool->WorkerOf(name);
+    if (worker != nullptr) {
+        return worker;
+    }
+    int ret = pool->AllocWorker(name);
+    if (ret != 0) {
+        error = ret;
+        return nullptr;
+    }
+    worker = pool->WorkerOf(name);
+    if (worker == nullptr) {
+        // Bound, but the workers were taken out of service (Destroy) or the name freed since.
+        error = -EACCES;
+    }
+    return worker;
+}
+
+int CallbackPool::FreeWorker(const std::string& name) {
+    return pool->FreeWorker(name);
+}
+
+void CallbackPool::OnTaskFinished(const SableTask& task) {
+    const Worker* executor = task.GetExecutor();
+    if (executor != nullptr) {
+        pool->FreeWorker(*executor);
+    }
+}
+
+void CallbackPool::Destroy() {
+    pool->Destroy();
+    destroyed.store(true);
+}
+
+size_t CallbackPool::NumWorkers() const {
+    return pool->NumWorkers();
+}
+
+size_t CallbackPool::NumUrgentWorkers() const {
+    return pool->NumUrgentWorkers();
+}
