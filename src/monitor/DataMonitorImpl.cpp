@@ -180,7 +180,7 @@ void DataMonitorImpl::RecvRoutine() {
         record.eventCount = n;
         for (int i = 0; i < n; ++i) {
             int pipeIdx = events[i].data.fd;
-            record.eventNumber = i + 1;
+            record.eventNum = i + 1;
             LOGI("Monitor recived event, i = %lu, pipeIdx = %d.", static_cast<unsigned long>(i),
                  pipeIdx);
             std::shared_ptr<SablePipeImpl> pipe;

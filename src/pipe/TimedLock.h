@@ -7,7 +7,7 @@
 class TimedLock {
 public:
     // `timeoutMs` negative: no limit. Does not lock yet.
-    TimedLock(std::timed_mutex* mu, int timeoutMs) : mutex(mu), timeoutMs(timeoutMs) {}
+    TimedLock(std::timed_mutex* mu, int budgetMs) : mutex(mu), timeoutMs(budgetMs) {}
     ~TimedLock();
     TimedLock(const TimedLock&) = delete;
     TimedLock& operator=(const TimedLock&) = delete;
