@@ -133,8 +133,8 @@ TEST(CallbackPool, TwoThreadsDroppingToANewNameBindOneWorker) {
 }
 
 TEST(CallbackPool, AsyncDropWaitsWhileOrdinarySlotsAreBorrowedButUrgentProceeds) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     Pools pools(1, 1);
-    Gate gate;
     std::atomic<bool> firstRunning{false};
     ASSERT_EQ(pools.callbacks.DropAsyncTask(
                   [&] {
@@ -242,8 +242,8 @@ TEST(CallbackPool, DestroyReturnsAtOnceWhenNoCallbackRuns) {
 }
 
 TEST(CallbackPool, DestroyWaitsForARunningCallback) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     Pools pools(2, 0);
-    Gate gate;
     std::atomic<bool> started{false};
     std::atomic<bool> finished{false};
     ASSERT_EQ(pools.callbacks.DropAsyncTask(

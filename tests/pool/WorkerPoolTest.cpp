@@ -80,7 +80,8 @@ TEST(WorkerPool, AfterDestroyEveryGrantIsRefusedWithAccessError) {
 
     LogCapture cap;
     EXPECT_EQ(pool.GetFreeSlot(3), -EACCES);
-    // Restrained per call site and thread: asked from a thread of its own.
+    // A restrained line (once per call site and thread in 600 s): asked from a thread of its
+    // own, and checked once per process.
     std::thread([&] { EXPECT_EQ(pool.PickupWorker(3), -EACCES); }).join();
     EXPECT_TRUE(cap.Contains("Find free slot failed: err = -13\n"));
     EXPECT_EQ(pool.GetWorker(), nullptr);
@@ -114,10 +115,10 @@ TEST(WorkerPool, DestroyDoesNotWaitForLentWorkersThatRunNothing) {
 }
 
 TEST(WorkerPool, DestroyWaitsForARunningTask) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(2, 0);
     Worker* worker = pool.GetWorker();
     ASSERT_NE(worker, nullptr);
-    Gate gate;
     std::atomic<bool> finished{false};
     ASSERT_EQ(Post(*worker,
                    [&] {
@@ -137,10 +138,10 @@ TEST(WorkerPool, DestroyWaitsForARunningTask) {
 }
 
 TEST(WorkerPool, DestroyWakesTheDestroyerWhenABorrowedWorkerIsGivenBack) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(2, 0);
     Worker* worker = pool.GetWorker();
     ASSERT_NE(worker, nullptr);
-    Gate gate;
     // The task gives its own worker back when done, as a borrowed worker does.
     ASSERT_EQ(Post(*worker,
                    [&] {
@@ -157,13 +158,13 @@ TEST(WorkerPool, DestroyWakesTheDestroyerWhenABorrowedWorkerIsGivenBack) {
 }
 
 TEST(WorkerPool, DestroyDoesNotWaitForANamedWorkerOnceItsTaskHasEnded) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     // A worker bound to a name keeps its slot after its task; Destroy must not wait for the
     // name to be freed.
     WorkerPool pool(2, 0);
     ASSERT_EQ(pool.AllocWorker("pipe"), 0);
     Worker* worker = pool.WorkerOf("pipe");
     ASSERT_NE(worker, nullptr);
-    Gate gate;
     ASSERT_EQ(Post(*worker, [&] { gate.Wait(); }), 0);
     ASSERT_TRUE(WaitUntil([&] { return worker->IsWorking(); }, WAIT_MS));
     Background destroyer([&] { pool.Destroy(); });
@@ -186,10 +187,10 @@ TEST(WorkerPool, DestroyWakesCallersBlockedOnAFullPool) {
 }
 
 TEST(WorkerPool, DestroyDropsQueuedTasks) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(1, 0);
     Worker* worker = pool.GetWorker();
     ASSERT_NE(worker, nullptr);
-    Gate gate;
     ASSERT_EQ(Post(*worker, [&] { gate.Wait(); }), 0);
     ASSERT_TRUE(WaitUntil([&] { return worker->IsWorking(); }, WAIT_MS));
     std::atomic<int> ran{0};
@@ -237,10 +238,10 @@ TEST(WorkerPool, FreeingAnUnknownNameChangesNothing) {
 }
 
 TEST(WorkerPool, FreeingANameDropsTheTasksQueuedForIt) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(1, 0);
     ASSERT_EQ(pool.AllocWorker("pipe"), 0);
     Worker* worker = pool.WorkerOf("pipe");
-    Gate gate;
     ASSERT_EQ(Post(*worker, [&] { gate.Wait(); }), 0);
     ASSERT_TRUE(WaitUntil([&] { return worker->IsWorking(); }, WAIT_MS));
     std::atomic<int> ran{0};
@@ -285,12 +286,12 @@ TEST(WorkerPool, UrgentWorkersAreCountedByTheirClass) {
 }
 
 TEST(WorkerPool, BusySweepGivesBackOnlyIdleWorkers) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(2, 0);
     Worker* idle = pool.GetWorker();
     Worker* busy = pool.GetWorker();
     ASSERT_NE(idle, nullptr);
     ASSERT_NE(busy, nullptr);
-    Gate gate;
     ASSERT_EQ(Post(*busy, [&] { gate.Wait(); }), 0);
     ASSERT_TRUE(WaitUntil([&] { return busy->IsWorking(); }, WAIT_MS));
 

@@ -73,9 +73,9 @@ TEST(Worker, TasksRunInOrderOnOneThreadNamedAfterTheProcess) {
 }
 
 TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusy) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     Worker worker("full");
     ASSERT_TRUE(worker.Start());
-    Gate gate;
     Occupy(worker, gate);
     std::atomic<int> ran{0};
     for (size_t i = 0; i < Worker::CAPACITY; ++i) {
@@ -83,6 +83,8 @@ TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusy) {
     }
     EXPECT_EQ(worker.WaitingTasks(), 1000u);
 
+    // A restrained line: printed once per call site and thread in 600 s, so this check holds
+    // once per process (each test runs in a process of its own).
     LogCapture cap;
     std::atomic<bool> refusedRan{false};
     Worker::TaskPtr refused = Task([&refusedRan] { refusedRan = true; });
@@ -103,9 +105,9 @@ TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusy) {
 }
 
 TEST(Worker, StopDropsQueuedTasksWithoutRunningThem) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     auto worker = std::make_unique<Worker>("stop");
     ASSERT_TRUE(worker->Start());
-    Gate gate;
     Occupy(*worker, gate);
     std::atomic<int> ran{0};
     auto capture = std::make_shared<int>(0);
@@ -160,9 +162,9 @@ TEST(Worker, IdledOutThreadIsRestartedBySetRTType) {
 }
 
 TEST(Worker, BusyWorkerDoesNotIdleOut) {
+    Gate gate;  // first: destroyed after every thread that may wait on it
     Worker worker("busy", SHORT_IDLE);
     ASSERT_TRUE(worker.Start());
-    Gate gate;
     Occupy(worker, gate);
     std::this_thread::sleep_for(SHORT_IDLE * 4);
     EXPECT_EQ(pool_test::CountWorkerThreads(), 1);
