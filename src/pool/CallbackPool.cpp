@@ -9,9 +9,9 @@ CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool)
 
 CallbackPool::~CallbackPool() {
     // Borrowed workers report back to this object: none may still be running when it goes.
-    if (!destroyed.load()) {
-        Destroy();
-    }
+    // Also after an earlier Destroy, which could not join a worker that called it from its
+    // own callback.
+    Destroy();
 }
 
 int CallbackPool::DropAsyncTask(const std::function<void()>& callback, SabloPriority prio) {

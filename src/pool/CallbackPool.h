@@ -21,8 +21,8 @@
 // the callback is queued; 0 leaves the thread's scheduling as it is; anything else is refused
 // (-EINVAL).
 //
-// Thread-safe; callbacks run with no lock of the pools held. The pool must outlive every
-// callback it queued: its destructor destroys the worker pool's work if Destroy was not called.
+// Thread-safe; callbacks run with no lock of the pools held. Borrowed workers report back to
+// this object, so its destructor destroys the worker pool (stopping and joining its workers).
 class CallbackPool : public SableTaskObserver {
 public:
     explicit CallbackPool(std::shared_ptr<WorkerPool> workerPool);
@@ -49,7 +49,8 @@ public:
     // A borrowed worker's callback has run: give the worker back.
     void OnTaskFinished(const SableTask& task) override;
     // Waits until every borrowed worker is back (running callbacks finish), stops the
-    // workers, and refuses every later DropAsyncTask.
+    // workers, and refuses every later DropAsyncTask. Called from a callback, it does not
+    // wait for that callback. Repeatable.
     void Destroy();
 
     size_t NumWorkers() const;

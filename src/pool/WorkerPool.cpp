@@ -378,10 +378,14 @@ void WorkerPool::Destroy() {
     {
         sable::MutexLock lock(workersMutex);
         for (auto& worker : workers) {
-            stopping.push_back(worker.get());
             retired.push_back(std::move(worker));
         }
         workers.clear();
+        // Workers retired earlier are joined again: one that ran an earlier Destroy from its
+        // own task could not be joined then.
+        for (auto& worker : retired) {
+            stopping.push_back(worker.get());
+        }
     }
     // Joined with no lock held: a finishing task may still call back into the pool.
     for (Worker* worker : stopping) {
