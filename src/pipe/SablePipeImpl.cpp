@@ -219,6 +219,9 @@ int SablePipeImpl::PrepareWriteFifo(int timeoutMs) {
         return ret;
     }
     ret = RetryOpenWriteFifo(1);
+    if (ret == -1 && closeFdAction.load() == -1) {
+        ret = -ECANCELED;  // closed while retrying: the same answer as a close during the wait
+    }
     if (ret < 0) {
         LOGE("OpenWriteFifo (%s) failed. ret = %d.\n", writeFifoName.c_str(), ret);
         return ret;
@@ -288,7 +291,13 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
              remoteName.c_str());
         return 0;
     }
-    ret = PrepareWriteFifo(lock.GetRemainingTime());
+    // A positive budget used up while waiting for the open mutex leaves 0, which the waits
+    // below would read as "no limit": keep at least one millisecond instead.
+    int remaining = lock.GetRemainingTime();
+    if (timeoutMs > 0 && remaining < 1) {
+        remaining = 1;
+    }
+    ret = PrepareWriteFifo(remaining);
     if (ret < 0) {
         if (ret == -ETIMEDOUT || ret == -ECANCELED) {
             LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), ret, strerror(-ret));
