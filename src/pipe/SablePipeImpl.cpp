@@ -687,15 +687,30 @@ int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& respon
 }
 
 int SablePipeImpl::WaitForResponse(const SabloRequest& request, int timeoutMs) {
+    return WaitForEntry(request, nullptr, timeoutMs);
+}
+
+int SablePipeImpl::WaitForResponse(const SabloRequest& request, const SabloResponse& response,
+                                   int timeoutMs) {
+    return WaitForEntry(request, &response, timeoutMs);
+}
+
+int SablePipeImpl::WaitForEntry(const SabloRequest& request, const SabloResponse* response,
+                                int timeoutMs) {
     std::shared_ptr<OutRequest> waiting;
+    int ret = 0;
     {
         sable::MutexLock lock(outReqMutex);
         waiting = outReqList.Find(request.id);
+        // No entry: either the response came first (its Process ran under this mutex, so
+        // the record is filled by now) or a close cancelled the request before this look.
+        if (!waiting && response != nullptr && response->data == nullptr) {
+            ret = -EPIPE;
+        }
     }
-    if (!waiting) {
-        return 0;  // the response came first and was handed over already
+    if (waiting) {
+        ret = waiting->Wait();
     }
-    int ret = waiting->Wait();
     if (ret == -EPIPE) {
         LOGE("Self=%s, Remote=%s failed. Caught exception.\n", myName.c_str(),
              remoteName.c_str());
