@@ -164,8 +164,9 @@ protected:
     std::timed_mutex openMutex;
     // Guards the descriptors' life: opening and closing take it exclusively, a frame write or a
     // frame read takes it shared, so a descriptor is never closed under a running I/O call.
-    // Taken after openMutex.
-    sable::SharedMutex fdMutex ACQUIRED_AFTER(openMutex);
+    // Taken after openMutex (a std::timed_mutex, which the lock analysis does not know, so the
+    // order is stated here only).
+    sable::SharedMutex fdMutex;
     // Serialises remote-close handling; taken before fdMutex (CloseFd runs under it).
     std::mutex remoteCloseMutex;
 
