@@ -173,11 +173,9 @@ TEST(PipeRemoteClose, CallbackSeesNullOnceOnThePipesWorkerThenThePipeCloses) {
     }
     EXPECT_TRUE(got[3].isNull);
     EXPECT_FALSE(pipe->IsCallbackHandleRemoteClose());
-    EXPECT_EQ(pipe->GetCloseFdAction(), -1);
-    EXPECT_LT(pipe->GetReadFd(), 0);
+    EXPECT_TRUE(rig.WaitClosed(*pipe));
     EXPECT_EQ(rig.observer.remoteClosed, 1);
     EXPECT_EQ(rig.monitor.Size(), 0u);
-    EXPECT_TRUE(FifoFilesWith(rig.tag).empty());
     // A later close changes nothing and notifies nobody.
     pipe->HandleRemoteClosed();
     EXPECT_EQ(seen.Count(), 4u);
@@ -215,11 +213,10 @@ TEST(PipeRemoteClose, PipeWithoutCallbackStillCloses) {
     ChildProcess peer("pipe_peer", {"burst", peerName, me, "0", "5000", "2"});
     ASSERT_EQ(peer.ReadLine().rfind("ready ", 0), 0u);
     EXPECT_EQ(peer.Wait(), 0);
-    ASSERT_TRUE(sable_test::WaitUntil([&] { return pipe->GetCloseFdAction() == -1; }, 10000));
+    ASSERT_TRUE(rig.WaitClosed(*pipe));
     EXPECT_EQ(rig.observer.remoteClosed, 1);
     EXPECT_EQ(rig.observer.requestsIn, 0) << "nothing is queued for the user";
     EXPECT_EQ(pipe->GetInReqList().size(), 2u) << "the requests stay cached";
-    EXPECT_TRUE(FifoFilesWith(rig.tag).empty());
 }
 
 TEST(PipeRemoteClose, ClosingTheJoiningEndHangsUpTheCreatingEnd) {
@@ -232,6 +229,6 @@ TEST(PipeRemoteClose, ClosingTheJoiningEndHangsUpTheCreatingEnd) {
     b->DeInitPipe();
     ASSERT_TRUE(ra.WaitForCount(1));
     EXPECT_TRUE(ra.Snapshot()[0].isNull);
-    EXPECT_TRUE(sable_test::WaitUntil([&] { return a->GetCloseFdAction() == -1; }, 10000));
+    EXPECT_TRUE(rig.WaitClosed(*a));
     EXPECT_TRUE(sable_test::WaitUntil([&] { return rig.observer.freedWorkers == 1; }, 10000));
 }

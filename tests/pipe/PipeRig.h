@@ -278,6 +278,17 @@ public:
         ASSERT_EQ(pb->TimedOpen(b.timeout), 0);
     }
 
+    // Waits until `pipe` has given up both descriptors and no FIFO of this test is left. (A
+    // close marks the pipe closed first and then releases what it holds.)
+    bool WaitClosed(const SablePipeImpl& pipe, int timeoutMs = 10000) const {
+        return sable_test::WaitUntil(
+            [&] {
+                return pipe.GetCloseFdAction() == -1 && pipe.GetReadFd() < 0 &&
+                       pipe.GetWriteFd() < 0 && sable_test::FifoFilesWith(tag).empty();
+            },
+            timeoutMs);
+    }
+
     const std::string tag;
     std::shared_ptr<WorkerPool> workerPool;
     CallbackPool callbacks;

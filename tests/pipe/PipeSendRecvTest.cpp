@@ -289,7 +289,7 @@ TEST_P(PipeAcrossProcesses, FramesFlowBothWaysAndEachIsSeenOnce) {
 
     pipe->DeInitPipe();  // the peer sees the hang-up and exits 0 once it answered all
     EXPECT_EQ(peer.Wait(15000), 0);
-    EXPECT_TRUE(FifoFilesWith(rig.tag).empty());
+    EXPECT_TRUE(rig.WaitClosed(*pipe));
 }
 
 INSTANTIATE_TEST_SUITE_P(BothRoles, PipeAcrossProcesses,
@@ -315,10 +315,9 @@ TEST(PipeHangUp, KilledPeerIsDetectedByTheMonitor) {
 
     ASSERT_TRUE(seen.WaitForCount(1));
     EXPECT_TRUE(seen.Snapshot()[0].isNull);
-    EXPECT_TRUE(sable_test::WaitUntil([&] { return pipe->GetCloseFdAction() == -1; }, 10000));
+    EXPECT_TRUE(rig.WaitClosed(*pipe));
     EXPECT_EQ(rig.observer.remoteClosed, 1);
     EXPECT_EQ(rig.monitor.Size(), 0u);
-    EXPECT_TRUE(FifoFilesWith(rig.tag).empty());
 }
 
 TEST(PipeHangUp, FramesWrittenBeforeTheRemoteLeftAreAllDeliveredFirst) {
@@ -340,6 +339,6 @@ TEST(PipeHangUp, FramesWrittenBeforeTheRemoteLeftAreAllDeliveredFirst) {
         EXPECT_EQ(got[i].id, static_cast<uint32_t>(i + 1));
     }
     EXPECT_TRUE(got.back().isNull) << "the close comes after the last frame";
-    EXPECT_TRUE(sable_test::WaitUntil([&] { return pipe->GetCloseFdAction() == -1; }, 10000));
+    EXPECT_TRUE(rig.WaitClosed(*pipe));
     EXPECT_EQ(rig.observer.remoteClosed, 1);
 }

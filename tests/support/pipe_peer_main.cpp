@@ -72,6 +72,9 @@ bool WaitForRemoteClose(int seconds) {
     while (!remoteClosed && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    // The library closes the pipe on its worker after the callback has returned; leaving main
+    // (static destruction of the table) while that task still runs is not what is tested here.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
     return remoteClosed;
 }
 
