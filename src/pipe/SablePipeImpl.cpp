@@ -629,7 +629,10 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     if (isConcur == 0) {
         ret = observer.OnRequestIn(std::to_string(pipeFd), task, priority);
     } else {
-        if (callbacksInFlight.load(std::memory_order_relaxed) > kMaxConcurrentCallbacks - 1) {
+        // The remote-close notice is never dropped: it is the one task that closes the pipe
+        // and frees its handle, and the user would not learn of the close otherwise.
+        if (request && callbacksInFlight.load(std::memory_order_relaxed) >
+                           kMaxConcurrentCallbacks - 1) {
             LOGE_R("Callback occupied over 200 threads fail. Drop the current callback for "
                    "Remote=%s, fd=%d.",
                    remoteName.c_str(), pipeFd);

@@ -84,6 +84,29 @@ TEST(PipeDispatch, ConcurrentPipeDropsTheRequestBeyond200InFlight) {
     EXPECT_TRUE(sable_test::WaitUntil([&] { return a->GetCallbacksInFlight() == 0u; }, 10000));
 }
 
+TEST(PipeDispatch, ConcurrentPipeAt200InFlightStillHearsOfTheRemoteClose) {
+    PipeRig rig(256, 4);
+    Gate gate;
+    Recorder closes;
+    std::shared_ptr<SablePipeImpl> a, b;
+    EndSpec ea;
+    ea.isConcur = true;
+    auto block = gate.Callback();
+    auto note = closes.Callback();
+    ea.callback = [block, note](int fd, SabloRequest* req) { req ? block(fd, req) : note(fd, req); };
+    rig.OpenPair(ea, {}, a, b);
+    Payload p(1, 1);
+    for (uint32_t i = 0; i < 200; ++i) ASSERT_EQ(b->Send(p.Request(i), 100), 0);
+    ASSERT_TRUE(gate.WaitEntered(200, 30000));
+    b->DeInitPipe();  // a hangs up while every slot is taken
+    ASSERT_TRUE(closes.WaitForCount(1));
+    EXPECT_TRUE(closes.Snapshot()[0].isNull);
+    EXPECT_TRUE(rig.WaitClosed(*a));
+    gate.OpenAll();
+    EXPECT_TRUE(gate.WaitLeft(200, 30000));
+    EXPECT_TRUE(sable_test::WaitUntil([&] { return a->GetCallbacksInFlight() == 0u; }, 10000));
+}
+
 TEST(PipeDispatch, ConcurrentPipeRunsCallbacksSideBySide) {
     PipeRig rig;
     Gate gate;
