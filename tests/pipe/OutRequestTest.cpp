@@ -5,6 +5,7 @@
 
 #include <future>
 
+#include "FreshProcess.h"
 #include "LogCapture.h"
 #include "PipeRig.h"
 #include "pipe/OutRequest.h"
@@ -169,6 +170,30 @@ TEST(Rpc, NegativeBudgetWaitsForASlowResponse) {
     EXPECT_EQ(pair.client->WaitForResponse(req, rsp, -1), 0);
     EXPECT_EQ(std::vector<uint8_t>(rsp.data, rsp.data + rsp.size), p.bytes);
     DestroyResponse(&rsp);
+}
+
+// The run mode is read once per process, so this runs in a fresh one.
+TEST(Rpc, RunMode1LetsEveryRequestWaitFiveHours) {
+    SABLE_EXPECT_IN_FRESH_PROCESS([] {
+        sable_test::Problems problems;
+        setenv("DATAGLEN_RUN_MODE", "1", 1);
+        PipeRig rig;
+        auto ref = std::make_shared<PipeRef>();
+        auto echo = EchoCallback(ref);
+        RpcPair pair(rig, [echo](int fd, SabloRequest* req) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            echo(fd, req);
+        });
+        ref->Set(pair.server);
+        Payload p(5, 10);
+        SabloRequest req = p.Request();
+        SabloResponse rsp{};
+        problems.Eq(pair.Start(req, rsp, 10), 0, "send");
+        problems.Eq(pair.client->WaitForResponse(req, rsp, 10), 0, "a 10 ms budget outlasted");
+        problems.True(rsp.data != nullptr, "response delivered");
+        DestroyResponse(&rsp);
+        return problems.Text();
+    });
 }
 
 TEST(Rpc, ConcurrentCallersEachGetTheirOwnResponse) {
