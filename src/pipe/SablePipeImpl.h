@@ -65,8 +65,10 @@ public:
     static void HandleServerOpen(std::shared_ptr<SablePipeImpl> pipe);
 
     // --- send and receive ---
-    // Never blocks: -EAGAIN when the FIFO is full, -EPIPE when the reader has gone, -EINVAL for
-    // an empty or oversized payload, or the error of opening the write end.
+    // Never blocks: -EAGAIN when the FIFO is full, -EPIPE when the reader has gone (no SIGPIPE
+    // reaches the process, unless the calling thread blocks SIGPIPE itself and so gets it
+    // pending), -EINVAL for an empty or oversized payload, or the error of opening the write
+    // end (-ENXIO while the remote has no reader, -1 once the pipe is closed).
     int Send(const SabloRequest& req, int timeoutMs);
     int Send(const SabloResponse& rsp);
     int Send(OutMessage& msg);
