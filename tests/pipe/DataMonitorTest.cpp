@@ -22,7 +22,7 @@ const char* const kMonitorThread = "sable_comm_moni";
 
 // Reports go nowhere: for pipes that are only table entries here.
 class QuietObserver : public PipeObserver {
-public:
+  public:
     int OnRequestIn(std::string, const std::function<void()>&, SabloPriority) const override {
         return 0;
     }
@@ -113,8 +113,8 @@ TEST(DataMonitor, SecondInitStartsNoSecondThread) {
     auto before = OpenFds();
     DataMonitorImpl monitor;
     ASSERT_EQ(monitor.Init(SABLO_PRIORITY_DEFAULT, kEventIdx, DATA_MONITOR_LOCAL_DEFAULT), 0);
-    ASSERT_TRUE(sable_test::WaitUntil(
-        [&] { return ThreadsNamed(kMonitorThread) == threads + 1; }, 5000));
+    ASSERT_TRUE(
+        sable_test::WaitUntil([&] { return ThreadsNamed(kMonitorThread) == threads + 1; }, 5000));
     auto afterFirst = OpenFds();
     EXPECT_EQ(afterFirst.size(), before.size() + 2) << "an epoll set and an eventfd";
     EXPECT_EQ(monitor.Init(SABLO_PRIORITY_DEFAULT, kEventIdx, DATA_MONITOR_REMOTE_DEFAULT), 0);
@@ -137,8 +137,8 @@ TEST(DataMonitor, DestroyJoinsAndTheMonitorCanStartAgain) {
     ASSERT_TRUE(DestroysWithin(monitor, 10)) << "a second Destroy is harmless";
     ASSERT_EQ(monitor.Init(SABLO_PRIORITY_DEFAULT, kEventIdx, DATA_MONITOR_LOCAL_DEFAULT), 0);
     EXPECT_FALSE(monitor.RecvRoutineStopped());
-    ASSERT_TRUE(sable_test::WaitUntil(
-        [&] { return ThreadsNamed(kMonitorThread) == threads + 1; }, 5000));
+    ASSERT_TRUE(
+        sable_test::WaitUntil([&] { return ThreadsNamed(kMonitorThread) == threads + 1; }, 5000));
     ASSERT_TRUE(DestroysWithin(monitor, 10));
     EXPECT_EQ(OpenFds(), before);
 }

@@ -42,7 +42,7 @@ struct RpcPair {
 
 // A request that counts its cancellations.
 class CountingRequest : public OutRequest {
-public:
+  public:
     explicit CountingRequest(unsigned id) : OutRequest(id) {}
     void Process(SabloResponse&) override {}
     int Wait() override { return 0; }
@@ -126,8 +126,8 @@ TEST(Rpc, CloseDuringAWaitReleasesTheCallerWithEpipe) {
     SabloRequest req = p.Request();
     SabloResponse rsp{};
     ASSERT_EQ(pair.Start(req, rsp, -1), 0);
-    auto waiting = std::async(std::launch::async,
-                              [&] { return pair.client->WaitForResponse(req, rsp, -1); });
+    auto waiting =
+        std::async(std::launch::async, [&] { return pair.client->WaitForResponse(req, rsp, -1); });
     ASSERT_TRUE(held.WaitForCount(1));
     LogCapture cap;
     pair.client->DeInitPipe();
@@ -284,7 +284,8 @@ TEST(OutSyncTimedRequest, TimeOutRemovesItselfFromItsPipe) {
 TEST(OutRequestList, HoldsAtMost1000Entries) {
     OutRequestList list;
     list.Enable();
-    for (unsigned i = 0; i < 1000; ++i) ASSERT_EQ(list.PushBack(std::make_shared<CountingRequest>(i)), 0);
+    for (unsigned i = 0; i < 1000; ++i)
+        ASSERT_EQ(list.PushBack(std::make_shared<CountingRequest>(i)), 0);
     LogCapture cap;
     EXPECT_EQ(list.PushBack(std::make_shared<CountingRequest>(1000)), -ENOMEM);
     EXPECT_TRUE(cap.Contains("Add OutRequest failed, outReqList size=1000 bytes."));

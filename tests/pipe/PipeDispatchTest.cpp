@@ -63,10 +63,11 @@ TEST(PipeDispatch, ConcurrentPipeDropsTheRequestBeyond200InFlight) {
     Payload p(1, 1);
     for (uint32_t i = 0; i < 201; ++i) ASSERT_EQ(b->Send(p.Request(i), 100), 0);
     ASSERT_TRUE(gate.WaitEntered(200, 30000));
-    ASSERT_TRUE(cap.WaitFor("Callback occupied over 200 threads fail. Drop the current callback "
-                            "for Remote=" + rig.Name("b") + ", fd=" +
-                                std::to_string(a->GetPipeFd()) + ".",
-                            10000));
+    ASSERT_TRUE(
+        cap.WaitFor("Callback occupied over 200 threads fail. Drop the current callback "
+                    "for Remote=" +
+                        rig.Name("b") + ", fd=" + std::to_string(a->GetPipeFd()) + ".",
+                    10000));
     EXPECT_EQ(a->GetCallbacksInFlight(), 200u);
     EXPECT_EQ(gate.Entered(), 200) << "the 201st is dropped, not queued";
     EXPECT_EQ(rig.observer.asyncIn, 200);
@@ -93,7 +94,9 @@ TEST(PipeDispatch, ConcurrentPipeAt200InFlightStillHearsOfTheRemoteClose) {
     ea.isConcur = true;
     auto block = gate.Callback();
     auto note = closes.Callback();
-    ea.callback = [block, note](int fd, SabloRequest* req) { req ? block(fd, req) : note(fd, req); };
+    ea.callback = [block, note](int fd, SabloRequest* req) {
+        req ? block(fd, req) : note(fd, req);
+    };
     rig.OpenPair(ea, {}, a, b);
     Payload p(1, 1);
     for (uint32_t i = 0; i < 200; ++i) ASSERT_EQ(b->Send(p.Request(i), 100), 0);
@@ -142,8 +145,8 @@ TEST(PipeDispatch, PipeWithoutCallbackCachesUpTo1000Requests) {
 TEST(PipeDispatch, RequestReachingAClosedPipeIsDroppedSilently) {
     PipeRig rig;
     Recorder seen;
-    auto a = rig.Make({rig.Name("a"), rig.Name("b"), SABLO_MODE_CREATE, 0, seen.Callback(),
-                       false, true});
+    auto a = rig.Make(
+        {rig.Name("a"), rig.Name("b"), SABLO_MODE_CREATE, 0, seen.Callback(), false, true});
     ASSERT_EQ(a->TimedOpen(0), 0);
     a->CloseFd();
     LogCapture cap;

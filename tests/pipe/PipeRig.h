@@ -4,15 +4,15 @@
 #ifndef SABLE_TESTS_PIPE_PIPE_RIG_H
 #define SABLE_TESTS_PIPE_PIPE_RIG_H
 
-#include <gtest/gtest.h>
+#include <dirent.h>
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <dirent.h>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -37,7 +37,7 @@ constexpr int kEventIdx = 900000;
 // Forwards like the pipe table does and counts every report. With `watch` false the read end
 // is not put on the monitor, so nothing in this process reads it.
 class TestObserver : public PipeObserver {
-public:
+  public:
     TestObserver(CallbackPool& callbacks, DataMonitorImpl& receiver, bool watchReads)
         : pool(callbacks), monitor(receiver), watch(watchReads) {}
 
@@ -46,8 +46,7 @@ public:
         requestsIn++;
         return pool.DropTo(workerKey, task, priority);
     }
-    int OnAsyncRequestIn(const std::function<void()>& task,
-                         SabloPriority priority) const override {
+    int OnAsyncRequestIn(const std::function<void()>& task, SabloPriority priority) const override {
         asyncIn++;
         return pool.DropAsyncTask(task, priority);
     }
@@ -76,7 +75,7 @@ public:
     // As the table does: stop receiving for a pipe whose remote has gone.
     std::atomic<bool> removeOnRemoteClose{true};
 
-private:
+  private:
     CallbackPool& pool;
     DataMonitorImpl& monitor;
     const bool watch;
@@ -94,7 +93,7 @@ struct Seen {
 // A request callback that records every call. The callbacks share the record, so they stay
 // safe when the Recorder goes before the pipes that call them.
 class Recorder {
-public:
+  public:
     SabloCallback Callback() {
         return [st = state](int fd, SabloRequest* req) {
             Seen s{fd, req == nullptr, req ? req->id : 0, {}, std::this_thread::get_id()};
@@ -118,7 +117,7 @@ public:
                                   [&] { return state->seen.size() >= n; });
     }
 
-private:
+  private:
     struct State {
         std::mutex mu;
         std::condition_variable cv;
@@ -129,7 +128,7 @@ private:
 
 // A pipe that a callback can reach once it exists.
 class PipeRef {
-public:
+  public:
     void Set(const std::shared_ptr<SablePipeImpl>& p) {
         std::lock_guard<std::mutex> lock(mu);
         pipe = p;
@@ -139,7 +138,7 @@ public:
         return pipe.lock();
     }
 
-private:
+  private:
     std::mutex mu;
     std::weak_ptr<SablePipeImpl> pipe;
 };
@@ -158,7 +157,7 @@ inline SabloCallback EchoCallback(std::shared_ptr<PipeRef> ref) {
 // Blocks callbacks until let through. Destroying the Gate lets every callback through for
 // good (so that no worker stays blocked when a test ends early); the callbacks share its state.
 class Gate {
-public:
+  public:
     ~Gate() { OpenAll(); }
     // A request callback that waits at the gate.
     SabloCallback Callback() {
@@ -182,7 +181,7 @@ public:
         return state->entered;
     }
 
-private:
+  private:
     struct State {
         void Pass() {
             std::unique_lock<std::mutex> lock(mu);
@@ -221,7 +220,7 @@ struct EndSpec {
 // Pools, monitor and observers for the pipes of one test. Teardown closes every pipe it made,
 // stops the monitor and the pools, and checks that no FIFO of the test is left behind.
 class PipeRig {
-public:
+  public:
     explicit PipeRig(uint32_t workers = 32, uint32_t urgent = 4)
         : tag(sable_test::UniqueName("pt") + "_"),
           workerPool(std::make_shared<WorkerPool>(workers, urgent)),
@@ -296,7 +295,7 @@ public:
     TestObserver observer;
     TestObserver unwatched;
 
-private:
+  private:
     int nextFd = 1;
     std::vector<std::shared_ptr<SablePipeImpl>> pipes;
 };

@@ -257,8 +257,8 @@ TEST_P(PipeAcrossProcesses, FramesFlowBothWaysAndEachIsSeenOnce) {
     } else {
         ASSERT_EQ(pipe->TimedOpen(timeout), 0);
     }
-    ChildProcess peer("pipe_peer", {"echo", peerName, me, mine == SABLO_MODE_JOIN ? "1" : "0",
-                                    "0", std::to_string(kPush), std::to_string(kRpcs), "20"});
+    ChildProcess peer("pipe_peer", {"echo", peerName, me, mine == SABLO_MODE_JOIN ? "1" : "0", "0",
+                                    std::to_string(kPush), std::to_string(kRpcs), "20"});
     if (mine == SABLO_MODE_JOIN) {
         ASSERT_EQ(open.wait_for(std::chrono::seconds(15)), std::future_status::ready);
         ASSERT_EQ(open.get(), 0);
@@ -295,9 +295,8 @@ TEST_P(PipeAcrossProcesses, FramesFlowBothWaysAndEachIsSeenOnce) {
 INSTANTIATE_TEST_SUITE_P(BothRoles, PipeAcrossProcesses,
                          ::testing::Values(SABLO_MODE_CREATE, SABLO_MODE_JOIN),
                          [](const ::testing::TestParamInfo<SabloMode>& param) {
-                             return param.param == SABLO_MODE_CREATE
-                                        ? std::string("ThisEndCreates")
-                                        : std::string("ThisEndJoins");
+                             return param.param == SABLO_MODE_CREATE ? std::string("ThisEndCreates")
+                                                                     : std::string("ThisEndJoins");
                          });
 
 TEST(PipeHangUp, KilledPeerIsDetectedByTheMonitor) {
