@@ -2,6 +2,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +36,42 @@ constexpr uint32_t kMaxConcurrentCallbacks = 200;
 uint64_t BudgetUs(int timeoutMs) {
     return timeoutMs < 1 ? 0 : static_cast<uint64_t>(timeoutMs) * 1000;
 }
+
+// A write to a FIFO whose reader has gone also raises SIGPIPE, whose default action ends the
+// whole process; the sender is promised -EPIPE instead. The signal is held back in the writing
+// thread for the one write and, when that write broke the pipe, taken off again before the
+// mask is restored. A thread that blocks SIGPIPE itself keeps its own handling of it.
+class SigpipeHold {
+public:
+    SigpipeHold() {
+        sigemptyset(&pipeSet);
+        sigaddset(&pipeSet, SIGPIPE);
+        sigset_t old;
+        pthread_sigmask(SIG_BLOCK, &pipeSet, &old);
+        heldByCaller = sigismember(&old, SIGPIPE) == 1;
+    }
+    ~SigpipeHold() {
+        if (!heldByCaller) {
+            pthread_sigmask(SIG_UNBLOCK, &pipeSet, nullptr);
+        }
+    }
+    SigpipeHold(const SigpipeHold&) = delete;
+    SigpipeHold& operator=(const SigpipeHold&) = delete;
+
+    // The write failed with EPIPE: take the signal it raised.
+    void Discard() {
+        if (heldByCaller) {
+            return;
+        }
+        const struct timespec now = {0, 0};
+        while (sigtimedwait(&pipeSet, nullptr, &now) == -1 && errno == EINTR) {
+        }
+    }
+
+private:
+    sigset_t pipeSet;
+    bool heldByCaller = false;
+};
 
 }  // namespace
 
@@ -219,6 +257,9 @@ int SablePipeImpl::PrepareWriteFifo(int timeoutMs) {
         return ret;
     }
     ret = RetryOpenWriteFifo(1);
+    if (ret == -1 && closeFdAction.load() == -1) {
+        ret = -ECANCELED;  // closed while retrying: the same answer as a close during the wait
+    }
     if (ret < 0) {
         LOGE("OpenWriteFifo (%s) failed. ret = %d.\n", writeFifoName.c_str(), ret);
         return ret;
@@ -288,7 +329,13 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
              remoteName.c_str());
         return 0;
     }
-    ret = PrepareWriteFifo(lock.GetRemainingTime());
+    // A positive budget used up while waiting for the open mutex leaves 0, which the waits
+    // below would read as "no limit": keep at least one millisecond instead.
+    int remaining = lock.GetRemainingTime();
+    if (timeoutMs > 0 && remaining < 1) {
+        remaining = 1;
+    }
+    ret = PrepareWriteFifo(remaining);
     if (ret < 0) {
         if (ret == -ETIMEDOUT || ret == -ECANCELED) {
             LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), ret, strerror(-ret));
@@ -396,8 +443,16 @@ int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
     SableComm::RunTimeRecord record(kSlowStepMs);
     record.RecordCurrentTime();
     // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
-    ssize_t n = write(wfd, buf, len);
-    int savedErrno = errno;
+    ssize_t n = 0;
+    int savedErrno = 0;
+    {
+        SigpipeHold sigpipe;
+        n = write(wfd, buf, len);
+        savedErrno = errno;
+        if (n == -1 && savedErrno == EPIPE) {
+            sigpipe.Discard();
+        }
+    }
     if (record.WhetherTotalTimeHasTimeout()) {
         record.RunTimePrint("Writing " + writeFifoName + " takes more than " + "50" +
                             "ms. fd=" + std::to_string(fd.load()) +
@@ -574,7 +629,10 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     if (isConcur == 0) {
         ret = observer.OnRequestIn(std::to_string(pipeFd), task, priority);
     } else {
-        if (callbacksInFlight.load(std::memory_order_relaxed) > kMaxConcurrentCallbacks - 1) {
+        // The remote-close notice is never dropped: it is the one task that closes the pipe
+        // and frees its handle, and the user would not learn of the close otherwise.
+        if (request && callbacksInFlight.load(std::memory_order_relaxed) >
+                           kMaxConcurrentCallbacks - 1) {
             LOGE_R("Callback occupied over 200 threads fail. Drop the current callback for "
                    "Remote=%s, fd=%d.",
                    remoteName.c_str(), pipeFd);
@@ -632,15 +690,30 @@ int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& respon
 }
 
 int SablePipeImpl::WaitForResponse(const SabloRequest& request, int timeoutMs) {
+    return WaitForEntry(request, nullptr, timeoutMs);
+}
+
+int SablePipeImpl::WaitForResponse(const SabloRequest& request, const SabloResponse& response,
+                                   int timeoutMs) {
+    return WaitForEntry(request, &response, timeoutMs);
+}
+
+int SablePipeImpl::WaitForEntry(const SabloRequest& request, const SabloResponse* response,
+                                int timeoutMs) {
     std::shared_ptr<OutRequest> waiting;
+    int ret = 0;
     {
         sable::MutexLock lock(outReqMutex);
         waiting = outReqList.Find(request.id);
+        // No entry: either the response came first (its Process ran under this mutex, so
+        // the record is filled by now) or a close cancelled the request before this look.
+        if (!waiting && response != nullptr && response->data == nullptr) {
+            ret = -EPIPE;
+        }
     }
-    if (!waiting) {
-        return 0;  // the response came first and was handed over already
+    if (waiting) {
+        ret = waiting->Wait();
     }
-    int ret = waiting->Wait();
     if (ret == -EPIPE) {
         LOGE("Self=%s, Remote=%s failed. Caught exception.\n", myName.c_str(),
              remoteName.c_str());

@@ -65,8 +65,10 @@ public:
     static void HandleServerOpen(std::shared_ptr<SablePipeImpl> pipe);
 
     // --- send and receive ---
-    // Never blocks: -EAGAIN when the FIFO is full, -EPIPE when the reader has gone, -EINVAL for
-    // an empty or oversized payload, or the error of opening the write end.
+    // Never blocks: -EAGAIN when the FIFO is full, -EPIPE when the reader has gone (no SIGPIPE
+    // reaches the process, unless the calling thread blocks SIGPIPE itself and so gets it
+    // pending), -EINVAL for an empty or oversized payload, or the error of opening the write
+    // end (-ENXIO while the remote has no reader, -1 once the pipe is closed).
     int Send(const SabloRequest& req, int timeoutMs);
     int Send(const SabloResponse& rsp);
     int Send(OutMessage& msg);
@@ -93,13 +95,25 @@ public:
     void OnRequestCancelled(const SabloRequest& request) { RemoveRequest(request); }
     void OnCallbackFinished();
     Handler GetServiceHandler() const { return serviceHandler; }
+    // Diagnostics: callbacks of an isConcur pipe queued or running; requests still waiting for
+    // their response.
+    uint32_t GetCallbacksInFlight() const {
+        return callbacksInFlight.load(std::memory_order_relaxed);
+    }
+    size_t GetOutReqCount() { return outReqList.Size(); }
 
     // --- synchronous requests ---
     // Assigns `request.id` and records a waiter for its response. 0, -ENOMEM or -EPIPE.
     int RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs);
     // Blocks until the response came (0), the budget ran out (-ETIMEDOUT) or the pipe closed
-    // (-EPIPE).
+    // (-EPIPE). 0 at once when the entry is gone already: the response came first, or the pipe
+    // was closed first, which this form cannot tell apart (see the next one).
     int WaitForResponse(const SabloRequest& request, int timeoutMs);
+    // The same for the caller of RecordOutRequest, who passes the response record it gave
+    // there: an entry that is already gone gives 0 only when the response is in the record,
+    // -EPIPE when a close cancelled the request before this call looked.
+    int WaitForResponse(const SabloRequest& request, const SabloResponse& response,
+                        int timeoutMs);
 
     // --- close ---
     // Closes both descriptors and removes the FIFO files this end owns; idempotent.
@@ -121,6 +135,7 @@ public:
 protected:
     // Re-forms both FIFO names after a change of `myName`.
     void FormFifoNames();
+    int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
 
     // Descriptors are atomics so lock-free readers (logs, checks) stay race-free; they are only
     // changed, and only used for I/O, under fdMutex.
@@ -151,8 +166,9 @@ protected:
     std::timed_mutex openMutex;
     // Guards the descriptors' life: opening and closing take it exclusively, a frame write or a
     // frame read takes it shared, so a descriptor is never closed under a running I/O call.
-    // Taken after openMutex.
-    sable::SharedMutex fdMutex ACQUIRED_AFTER(openMutex);
+    // Taken after openMutex (a std::timed_mutex, which the lock analysis does not know, so the
+    // order is stated here only).
+    sable::SharedMutex fdMutex;
     // Serialises remote-close handling; taken before fdMutex (CloseFd runs under it).
     std::mutex remoteCloseMutex;
 
