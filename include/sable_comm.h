@@ -9,6 +9,10 @@
  * Every function returning int gives 0 (or a positive pipe number) on success and a negative
  * errno value on failure. All functions may be called from any thread, request callbacks
  * included.
+ *
+ * A send to a peer that has gone fails with -EPIPE. For that the library sets SIGPIPE to be
+ * ignored when it first builds its pipe table, unless the process has a disposition of its
+ * own for it (programs started afterwards inherit an ignored SIGPIPE).
  */
 #ifndef SABLE_COMM_H
 #define SABLE_COMM_H

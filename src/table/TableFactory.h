@@ -9,7 +9,9 @@ class SableTable;
 class TableFactory {
 public:
     // Builds worker pool -> callback pool -> table once (thread-safe). Empty once the process
-    // has begun destroying them at exit.
+    // has begun destroying them at exit. The first call also sets SIGPIPE to be ignored when it
+    // still has its default action, so that a send to a vanished reader fails with -EPIPE
+    // instead of ending the process (the setting is inherited by programs started later).
     static std::shared_ptr<SableTable> GetInstance();
 };
 
