@@ -218,4 +218,37 @@ TEST_F(ServerTest, AnUnknownPacketTypeIsRejectedAndTheServerGoesOn) {
     ExpectAClientConnects();
 }
 
+TEST_F(ServerTest, TheExceptionHandlerRemovesThePipeFilesAndTheServerFifo) {
+    ASSERT_EQ(Start(), 0);
+    const std::string target = UniqueName("tgt") + "x";
+    SabloAttr attr;
+    attr.selfName = name.c_str();
+    attr.targetName = target.c_str();
+    attr.mode = SABLO_MODE_CREATE;
+    attr.timeout = 0;
+    attr.priority = SABLO_PRIORITY_DEFAULT;
+    int fd = SabloOpen(&attr);
+    ASSERT_GT(fd, 0);
+    ASSERT_EQ(FifoFilesWith(target).size(), 2u);
+    LogCapture cap;
+    SabloExceptionHandler(15);
+    EXPECT_TRUE(cap.Contains("Recv a signal 15."));
+    EXPECT_EQ(FifoFilesWith(target), std::set<std::string>{});
+    struct stat st {};
+    EXPECT_NE(lstat(fifo.c_str(), &st), 0);
+    // Only the files went: the pipe is still there to be closed.
+    EXPECT_EQ(SabloClosePipe(fd), 0);
+}
+
+TEST_F(ServerTest, ABadServerNameOrPriorityIsInvalid) {
+    const std::string bad = "srv;rm";
+    SabloServerAttr attr = server_test::Attr(bad);
+    EXPECT_EQ(SabloCreateServer(&attr), -EINVAL);
+    attr = server_test::Attr(name);
+    attr.priority = static_cast<SabloPriority>(3);
+    EXPECT_EQ(SabloCreateServer(&attr), -EINVAL);
+    struct stat st {};
+    EXPECT_NE(lstat(fifo.c_str(), &st), 0);
+}
+
 }  // namespace
