@@ -251,4 +251,15 @@ TEST_F(ServerTest, ABadServerNameOrPriorityIsInvalid) {
     EXPECT_NE(lstat(fifo.c_str(), &st), 0);
 }
 
+TEST_F(ServerTest, AnOutsideTerminatePacketEndsTheServerThreadAndTheServerCanStartAgain) {
+    ASSERT_EQ(Start(), 0);
+    ASSERT_TRUE(WaitUntil([] { return server_test::ServerThreads() == 1; }, 10000));
+    WriteToServer(Header(1));
+    EXPECT_TRUE(WaitUntil([] { return server_test::ServerThreads() == 0; }, 10000));
+    EXPECT_TRUE(WaitUntil([] { return !PipeServer::GetInstance()->IsRunning(); }, 10000));
+    // The ended thread is joined and its descriptors released before the new start.
+    ASSERT_EQ(Start(), 0);
+    ExpectAClientConnects();
+}
+
 }  // namespace
