@@ -9,6 +9,10 @@
  * Every function returning int gives 0 (or a positive pipe number) on success and a negative
  * errno value on failure. All functions may be called from any thread, request callbacks
  * included.
+ *
+ * A send to a peer that has gone fails with -EPIPE. For that the library sets SIGPIPE to be
+ * ignored when it first builds its pipe table, unless the process has a disposition of its
+ * own for it (programs started afterwards inherit an ignored SIGPIPE).
  */
 #ifndef SABLE_COMM_H
 #define SABLE_COMM_H
@@ -113,9 +117,12 @@ int SabloCreateClient(const SabloAttr* attr);
 int SabloPipeTypeOpen(const SabloAttr* attr, SabloPipeType type);
 /* Starts this process's server: clients of any name may connect through its FIFO.
  * -EEXIST while running, -EINVAL for bad attributes, or the error of the FIFO set-up
- * (a second server process of the same name fails to take the FIFO's lock). */
+ * (a second server process of the same name fails to take the FIFO's lock). -EBUSY from the
+ * connect callback of a server that the callback itself has just stopped. */
 int SabloCreateServer(const SabloServerAttr* attr);
-/* Stops the server and disables the pipe table (every pipe is closed). */
+/* Stops the server and disables the pipe table (every pipe is closed, and requests are no
+ * longer delivered in this process). Blocks until the server thread has ended; called from the
+ * connect callback, the thread ends when the callback returns. The server FIFO stays on disk. */
 void SabloCfgFinishServer();
 /* Closes a pipe; 0 also when no pipe has that number, -ENOENT once the table is gone. */
 int SabloClosePipe(int fd);

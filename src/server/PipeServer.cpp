@@ -48,12 +48,25 @@ int PipeServer::GetFifoName(std::string& out) const {
 
 int PipeServer::Init(const SabloServerAttr& serverAttr) {
     sable::MutexLock lock(serverMutex);
+    const bool onServerThread = OnServerThread();
+    // The server thread must not wait here: a thread stopping the server waits for it.
+    while (stopping && !onServerThread) {
+        stopped.Wait(lock);
+    }
     if (running.load()) {
         std::shared_ptr<SableTable> table = TableFactory::GetInstance();
         LOGI("Server is already running. Table size=%d\n", table ? table->Size() : 0);
         return -EEXIST;
     }
-    ReleaseLocked();  // a thread that ended on its own left its descriptors behind
+    if (onServerThread) {
+        // Stopped from its own connect callback: the calling thread is still the server thread
+        // and a new one cannot be started over it.
+        LOGE("Server cannot restart from its own connect callback.\n");
+        return -EBUSY;
+    }
+    // A thread that ended on its own (an outside terminate packet) or stopped itself from its
+    // callback is joined here, and its descriptors released.
+    StopLocked(lock);
     attr = serverAttr;
     serverName = serverAttr.selfName != nullptr ? serverAttr.selfName : "";
     attr.selfName = nullptr;  // never keep the caller's pointer
@@ -61,7 +74,11 @@ int PipeServer::Init(const SabloServerAttr& serverAttr) {
     if (serverAttr.serverCallback != nullptr) {
         connectCallback = serverAttr.serverCallback;
     }
-    return InitServer();
+    int ret = InitServer();
+    if (ret != 0) {
+        StopLocked(lock);
+    }
+    return ret;
 }
 
 int PipeServer::InitServer() {
@@ -88,12 +105,12 @@ int PipeServer::InitServer() {
     } catch (const std::system_error& e) {
         LOGE("Start Server monitorThread failed, system error: %s.\n", e.what());
         running.store(false);
-        ReleaseLocked();
+        ReleaseDescriptorsLocked();
         return -ENOSPC;
     } catch (...) {
         LOGE("Start Server monitorThread failed.\n");
         running.store(false);
-        ReleaseLocked();
+        ReleaseDescriptorsLocked();
         return -ENOSPC;
     }
     // Priority 0 asks for no scheduling change at all.
@@ -101,8 +118,8 @@ int PipeServer::InitServer() {
         ret = monitorThread.SetRTType(attr.priority);
         if (ret != 0) {
             LOGE("Set server monitor thread to type %d failed, ret=%d\n", attr.priority, ret);
+            // The thread ends on this packet; Init joins it.
             SendMsgToServer(writeFd);
-            ReleaseLocked();
             return ret;
         }
     }
@@ -218,11 +235,17 @@ int PipeServer::Recv(void* buf, size_t len) {
 }
 
 void PipeServer::MonitorRoutine() {
+    serverThreadId.store(std::this_thread::get_id());
     if (prctl(PR_SET_NAME, "sable_comm_server") != 0) {
         LOGI("Set server thread name unfinished, errno = %d\n", errno);
     }
     KorCoreSetaffinity();
     MonitorRoutineLinux();
+    serverThreadId.store(std::thread::id());
+}
+
+bool PipeServer::OnServerThread() const {
+    return serverThreadId.load() == std::this_thread::get_id();
 }
 
 void PipeServer::MonitorRoutineLinux() {
@@ -339,19 +362,56 @@ int PipeServer::SendMsgToServer(int fd) const {
 
 void PipeServer::Close() {
     sable::MutexLock lock(serverMutex);
+    if (OnServerThread()) {
+        // From the server's own connect callback. When another thread is stopping the server
+        // it is waiting for this callback to return and does the rest.
+        if (!stopping) {
+            StopLocked(lock);
+        }
+        return;
+    }
+    while (stopping) {
+        stopped.Wait(lock);
+    }
     if (running.load()) {
         int ret = SendMsgToServer(writeFd);
         if (ret != 0) {
             LOGE("Send stop message to server fail, ret=%d.\n", ret);
         }
     }
-    ReleaseLocked();
+    StopLocked(lock);
 }
 
-void PipeServer::ReleaseLocked() {
-    if (monitorThread.Joinable()) {
-        monitorThread.Join();
+void PipeServer::StopLocked(sable::MutexLock& lock) {
+    if (OnServerThread()) {
+        // A thread cannot join itself. The server loop looks at `running` before every packet,
+        // so it ends as soon as the connect callback that called this returns; it no longer
+        // touches the descriptors. Whoever starts or stops the server next joins it.
+        running.store(false);
+        ReleaseDescriptorsLocked();
+        return;
     }
+    if (monitorThread.Joinable()) {
+        // Joined without the mutex: the thread may be in a connect callback that calls Init,
+        // Close or the accessors, all of which take it.
+        // (Released through the native lock: to the analysis serverMutex stays held, and so
+        // it is again when this returns.)
+        stopping = true;
+        lock.Native().unlock();
+        try {
+            monitorThread.Join();
+        } catch (const std::system_error& e) {
+            LOGE("Join server monitorThread failed, system error: %s.\n", e.what());
+        }
+        lock.Native().lock();
+        stopping = false;
+        stopped.NotifyAll();
+    }
+    ReleaseDescriptorsLocked();
+    running.store(false);
+}
+
+void PipeServer::ReleaseDescriptorsLocked() {
     if (readFd >= 0) {
         flock(readFd, LOCK_UN | LOCK_NB);
     }
@@ -361,7 +421,6 @@ void PipeServer::ReleaseLocked() {
             *fd = -1;
         }
     }
-    running.store(false);
 }
 
 void PipeServer::ExceptionHandler() {
@@ -370,6 +429,12 @@ void PipeServer::ExceptionHandler() {
     }
 }
 
-SabloServerAttr PipeServer::GetServerAttr() const { return attr; }
+SabloServerAttr PipeServer::GetServerAttr() const {
+    sable::MutexLock lock(serverMutex);
+    return attr;
+}
 
-std::string PipeServer::GetFifoNameForDFX() const { return fifoName; }
+std::string PipeServer::GetFifoNameForDFX() const {
+    sable::MutexLock lock(serverMutex);
+    return fifoName;
+}

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "base/Mutex.h"
 #include "pipe/MagicReceiver.h"
@@ -28,14 +29,17 @@ public:
     PipeServer& operator=(const PipeServer&) = delete;
 
     // Starts serving. -EEXIST while running; a second server process of the same name fails at
-    // the FIFO's lock (-EWOULDBLOCK) and leaves the first one serving.
+    // the FIFO's lock (-EWOULDBLOCK) and leaves the first one serving. From the server's own
+    // connect callback after it closed the server: -EBUSY (its thread is still the caller's).
     int Init(const SabloServerAttr& attr);
     // Stops the thread through a terminate packet on its own FIFO and releases the lock and
-    // descriptors; the FIFO file stays. Blocks until the thread has ended.
+    // descriptors; the FIFO file stays. Blocks until the thread has ended, except when called
+    // from the server's own connect callback: the thread then ends when the callback returns.
     void Close();
     // Signal context: removes the server FIFO file.
     void ExceptionHandler();
 
+    // On failure the caller stops what was started (StopLocked).
     int InitServer() REQUIRES(serverMutex);
     int PreparaFifoFile() REQUIRES(serverMutex);
     int PrepareEpoll() REQUIRES(serverMutex);
@@ -52,13 +56,27 @@ public:
 
 private:
     int GetFifoName(std::string& out) const;
-    void ReleaseLocked() REQUIRES(serverMutex);
+    bool OnServerThread() const;
+    // Ends the server thread (joined with serverMutex released, unless it is the calling
+    // thread) and releases the lock and descriptors. Returns with serverMutex held again.
+    void StopLocked(sable::MutexLock& lock) REQUIRES(serverMutex);
+    void ReleaseDescriptorsLocked() REQUIRES(serverMutex);
 
-    // Serialises Init and Close. Never held by the server thread.
-    sable::Mutex serverMutex;
+    // Guards the fields below and `stopping`. Never held while waiting for the server thread:
+    // its connect callback may call Init, Close or the accessors, which take it. Taken before
+    // the table's and the logger's locks.
+    mutable sable::Mutex serverMutex;
+    // Signalled when a stopping thread has joined the server thread.
+    sable::CondVar stopped;
+    // A thread is joining the server thread (with serverMutex released): only that thread
+    // touches monitorThread meanwhile; others wait for `stopped`.
+    bool stopping GUARDED_BY(serverMutex) = false;
     std::atomic<bool> running{false};
+    // The server thread's id while its routine runs (read lock-free to spot calls from it).
+    std::atomic<std::thread::id> serverThreadId{};
+    // Created and joined under the protocol of `stopping`.
     SableCommThread monitorThread;
-    // Written only under serverMutex while the thread is not running.
+    // Written only under serverMutex while no server thread runs; the server thread reads them.
     std::string fifoName;
     int readFd = -1;
     int writeFd = -1;

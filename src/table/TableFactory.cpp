@@ -1,6 +1,13 @@
 #include "table/TableFactory.h"
 
+#include <errno.h>
+#include <signal.h>
+
+#include <chrono>
+#include <thread>
+
 #include "base/SingletonProtector.h"
+#include "log/NuxSyslog.h"
 #include "pool/CallbackPool.h"
 #include "pool/WorkerPool.h"
 #include "table/SableTable.h"
@@ -8,15 +15,86 @@
 namespace {
 constexpr unsigned int kWorkers = 1024;
 constexpr unsigned int kUrgentWorkers = 20;
+// How long the exit sequence lets running calls finish with the table before disabling it (the
+// same grace as the table's destructor gives), and how long it then waits for them.
+constexpr std::chrono::milliseconds kExitGrace{50};
+constexpr std::chrono::milliseconds kExitWait{2000};
+
+// The factory's reference to the table. At exit a call that got the table before the protector
+// died keeps it to its end, and would then destroy it on its own thread, a library worker among
+// others (a request callback closing its pipe). That cannot work: the worker's task still uses
+// its pipe, whose observer is the table, and the table's destructor releases the pools, which
+// cannot destroy the worker that runs it. So the exit sequence waits (bounded) until its
+// reference is the only one: after a short grace it disables the table, which closes the pipes
+// and so releases calls waiting for a peer, and waits for them to return. The table, and after
+// it the pools, are then destroyed on the exiting thread.
+class TableHolder {
+public:
+    explicit TableHolder(std::shared_ptr<SableTable> held) : table(std::move(held)) {}
+    ~TableHolder() {
+        if (!WaitUntilSoleOwner(kExitGrace)) {
+            table->DisableSableTable();
+            WaitUntilSoleOwner(kExitWait);
+        }
+        table.reset();
+    }
+    TableHolder(const TableHolder&) = delete;
+    TableHolder& operator=(const TableHolder&) = delete;
+
+    const std::shared_ptr<SableTable>& Get() const { return table; }
+
+private:
+    // No new reference can appear: the protector, destroyed first, hands out nothing any more.
+    bool WaitUntilSoleOwner(std::chrono::milliseconds limit) const {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (table.use_count() > 1) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
+    std::shared_ptr<SableTable> table;
+};
+
+// A write to a FIFO whose reader has gone raises SIGPIPE before it fails with EPIPE, and the
+// default action of SIGPIPE ends the process: a peer that closes while an answer is on its way
+// would take the answering process down with it. Sends are meant to report that case as
+// -EPIPE, so the signal is ignored unless the application has chosen a disposition of its own.
+bool IgnoreSigpipeByDefault() {
+    struct sigaction current {};
+    if (sigaction(SIGPIPE, nullptr, &current) != 0) {
+        int savedErrno = errno;
+        LOGE("Read SIGPIPE disposition failed, errno = %d\n", savedErrno);
+        return false;
+    }
+    if ((current.sa_flags & SA_SIGINFO) != 0 || current.sa_handler != SIG_DFL) {
+        return false;
+    }
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    if (sigaction(SIGPIPE, &ignore, nullptr) != 0) {
+        int savedErrno = errno;
+        LOGE("Ignore SIGPIPE failed, errno = %d\n", savedErrno);
+        return false;
+    }
+    return true;
+}
 }  // namespace
 
 std::shared_ptr<SableTable> TableFactory::GetInstance() {
+    // Before any pipe can write.
+    static const bool sigpipeIgnored = IgnoreSigpipeByDefault();
+    (void)sigpipeIgnored;
     // Destroyed at exit in reverse order: the protector first, so a call made from a later
     // static destructor gets nothing instead of a dying table.
     static std::shared_ptr<WorkerPool> workerPool =
         std::make_shared<WorkerPool>(kWorkers, kUrgentWorkers);
     static std::shared_ptr<CallbackPool> callbackPool = std::make_shared<CallbackPool>(workerPool);
-    static std::shared_ptr<SableTable> table = std::make_shared<SableTable>(callbackPool);
-    static sable::SingletonProtector<SableTable> protector(table);
+    static TableHolder table(std::make_shared<SableTable>(callbackPool));
+    static sable::SingletonProtector<SableTable> protector(table.Get());
     return protector.Get();
 }

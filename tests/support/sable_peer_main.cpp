@@ -3,14 +3,28 @@
 //   sable_peer echo   SELF TARGET MODE SECONDS   open, answer every request with its payload,
 //                                                 exit 0 when the remote closes (or after
 //                                                 SECONDS with 3)
+//   sable_peer mute   SELF TARGET MODE SECONDS   open, report "request <id> <size>" for every
+//                                                 request and never answer; exit as echo
 //   sable_peer call   SELF TARGET MODE COUNT SIZE open, make COUNT RPCs of SIZE bytes, exit 0
 //                                                 when all came back intact
 //   sable_peer send-exit SELF TARGET MODE         open, send one request, exit at once
-//   sable_peer server NAME SECONDS                 echo server; exits after SECONDS or on stop
-//   sable_peer client SELF SERVER COUNT           client of NAME: COUNT RPCs, then exits 0
-//   sable_peer exit-in-destructor TARGET         calls entry functions from a static
-//                                                 destructor; exits 0
-// Every mode reports "ready <fd>" on the handshake descriptor once its pipe is open.
+//   sable_peer server NAME SECONDS [report]       echo server; exits 0 after SECONDS or on
+//                                                 SIGTERM (after SabloCfgFinishServer). With
+//                                                 "report": "client <fd> <pid> <gid> <name>" per
+//                                                 connect, "closed <fd>" per client gone.
+//                                                 "failed <code>" and exit 30 when it cannot
+//                                                 start
+//   sable_peer client SELF SERVER COUNT [TIMEOUT] client of SERVER: COUNT RPCs whose payloads
+//                                                 carry this pid, then closes and exits 0
+//                                                 (40: the open failed, 10/11: an RPC failed)
+//   sable_peer client-exit SELF SERVER            client that exits without closing once open
+//   sable_peer exit-in-destructor TARGET         opens a pipe to TARGET, then calls entry
+//                                                 functions from a static destructor run after
+//                                                 the table's; exits 0 when they all answered
+//                                                 "table is gone", 5 otherwise
+// Every mode reports "ready <fd>" on the handshake descriptor once its pipe is open. Pipes are
+// opened with priority 0 and a 10 s time-out.
+#include <errno.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -30,10 +44,15 @@ namespace {
 
 std::atomic<bool> remoteClosed{false};
 std::atomic<int> requests{0};
+std::atomic<bool> report{false};
+volatile sig_atomic_t terminateRequested = 0;
+
+void OnTerminate(int) { terminateRequested = 1; }
 
 void Echo(int fd, SabloRequest* req) {
     if (req == nullptr) {
         remoteClosed = true;
+        if (report) sable_test::SignalReady("closed " + std::to_string(fd));
         return;
     }
     requests++;
@@ -41,15 +60,42 @@ void Echo(int fd, SabloRequest* req) {
     SabloSendResponse(fd, &rsp);
 }
 
-int Open(const char* self, const char* target, int mode) {
+void Mute(int, SabloRequest* req) {
+    if (req == nullptr) {
+        remoteClosed = true;
+        return;
+    }
+    requests++;
+    sable_test::SignalReady("request " + std::to_string(req->id) + " " +
+                            std::to_string(req->size));
+}
+
+void Connected(int fd, SabloClientInfo client) {
+    if (!report) return;
+    sable_test::SignalReady("client " + std::to_string(fd) + " " + std::to_string(client.pid) +
+                            " " + std::to_string(client.gid) + " " + client.name);
+}
+
+int Open(const char* self, const char* target, int mode, SabloCallback callback = Echo) {
     SabloAttr attr;
     attr.targetName = target;
     attr.selfName = self;
     attr.mode = static_cast<SabloMode>(mode);
     attr.timeout = 10000;
     attr.priority = SABLO_PRIORITY_DEFAULT;
-    attr.callback = Echo;
+    attr.callback = std::move(callback);
     return SabloOpen(&attr);
+}
+
+int OpenClient(const char* self, const char* server, int timeoutMs) {
+    SabloAttr attr;
+    attr.targetName = server;
+    attr.selfName = self;
+    attr.mode = SABLO_MODE_JOIN;
+    attr.timeout = timeoutMs;
+    attr.priority = SABLO_PRIORITY_DEFAULT;
+    attr.callback = Echo;
+    return SabloCreateClient(&attr);
 }
 
 bool WaitFor(const std::atomic<bool>& flag, int seconds) {
@@ -60,13 +106,23 @@ bool WaitFor(const std::atomic<bool>& flag, int seconds) {
     return flag;
 }
 
-int Rpcs(int fd, int count, uint32_t size) {
+// Payload bytes depend on the call number and on `seed`, so that answers meant for another
+// caller are told apart.
+int Rpcs(int fd, int count, uint32_t size, uint32_t seed = 0) {
     std::vector<uint8_t> payload(size);
     for (int i = 0; i < count; ++i) {
-        for (uint32_t b = 0; b < size; ++b) payload[b] = static_cast<uint8_t>(i + b);
+        for (uint32_t b = 0; b < size; ++b) {
+            payload[b] = static_cast<uint8_t>(i + b + (seed >> (8 * (b % 4))));
+        }
         SabloRequest req{0, payload.data(), size};
         SabloResponse rsp{};
         int ret = SabloTimedRPCSync(fd, &req, &rsp, 5000);
+        // A creating end may call before the joining end has opened its reader.
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (ret == -ENXIO && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            ret = SabloTimedRPCSync(fd, &req, &rsp, 5000);
+        }
         if (ret != 0) return 10;
         bool same = rsp.size == size && memcmp(rsp.data, payload.data(), size) == 0;
         DestroyResponse(&rsp);
@@ -78,14 +134,25 @@ int Rpcs(int fd, int count, uint32_t size) {
 struct CallsAtExit {
     std::string target;
     ~CallsAtExit() {
-        // The table may already be gone: every entry must answer, not crash.
-        SabloRequest req{0, reinterpret_cast<uint8_t*>(const_cast<char*>("x")), 1};
-        int a = SabloSendRequest(1, &req);
-        int b = SabloClosePipe(1);
-        bool alive = SabloServiceIsExist();
-        (void)a;
-        (void)b;
-        (void)alive;
+        // Runs after the table's statics are gone: every entry must answer, not crash.
+        uint8_t byte = 1;
+        SabloRequest req{0, &byte, 1};
+        SabloResponse rsp{};
+        SabloAttr attr;
+        attr.targetName = target.c_str();
+        attr.mode = SABLO_MODE_CREATE;
+        attr.priority = SABLO_PRIORITY_DEFAULT;
+        bool ok = SabloSendRequest(1, &req) == -ENOENT;
+        ok = ok && SabloSendResponse(1, &rsp) == -EINVAL;  // checked before the table
+        SabloResponse empty{0, &byte, 1};
+        ok = ok && SabloSendResponse(1, &empty) == -ENOENT;
+        ok = ok && SabloTimedRPCSync(1, &req, &rsp, 10) == -ENOENT;
+        ok = ok && SabloOpen(&attr) == -ENOENT;
+        ok = ok && SabloClosePipe(1) == -ENOENT;
+        ok = ok && !SabloServiceIsExist();
+        SabloExceptionHandler(0);
+        SabloCfgFinishServer();
+        if (!ok) _exit(5);
     }
 };
 
@@ -94,8 +161,8 @@ struct CallsAtExit {
 int main(int argc, char** argv) {
     if (argc < 2) return 2;
     std::string cmd = argv[1];
-    if (cmd == "echo" && argc == 6) {
-        int fd = Open(argv[2], argv[3], atoi(argv[4]));
+    if ((cmd == "echo" || cmd == "mute") && argc == 6) {
+        int fd = Open(argv[2], argv[3], atoi(argv[4]), cmd == "echo" ? Echo : Mute);
         if (fd < 0) return 20;
         sable_test::SignalReady("ready " + std::to_string(fd));
         return WaitFor(remoteClosed, atoi(argv[5])) ? 0 : 3;
@@ -117,8 +184,11 @@ int main(int argc, char** argv) {
         if (SabloSendRequest(fd, &req) != 0) return 21;
         _exit(0);  // no close: the remote sees a hang-up
     }
-    if (cmd == "server" && argc == 4) {
+    if (cmd == "server" && (argc == 4 || (argc == 5 && std::string(argv[4]) == "report"))) {
+        report = argc == 5;
+        signal(SIGTERM, OnTerminate);
         SabloServerAttr attr{};
+        attr.serverCallback = Connected;
         attr.callback = Echo;
         attr.selfName = argv[2];
         attr.priority = SABLO_PRIORITY_DEFAULT;
@@ -129,29 +199,39 @@ int main(int argc, char** argv) {
             return 30;
         }
         sable_test::SignalReady("ready 0");
-        sleep(static_cast<unsigned>(atoi(argv[3])));
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(atoi(argv[3]));
+        while (terminateRequested == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
         SabloCfgFinishServer();
         return 0;
     }
-    if (cmd == "client" && argc == 5) {
-        SabloAttr attr;
-        attr.targetName = argv[3];
-        attr.selfName = argv[2];
-        attr.mode = SABLO_MODE_JOIN;
-        attr.timeout = 10000;
-        attr.priority = SABLO_PRIORITY_DEFAULT;
-        attr.callback = Echo;
-        int fd = SabloCreateClient(&attr);
+    if (cmd == "client" && (argc == 5 || argc == 6)) {
+        int fd = OpenClient(argv[2], argv[3], argc == 6 ? atoi(argv[5]) : 10000);
         if (fd < 0) return 40;
         sable_test::SignalReady("ready " + std::to_string(fd));
-        int ret = Rpcs(fd, atoi(argv[4]), 64);
+        int ret = Rpcs(fd, atoi(argv[4]), 64, static_cast<uint32_t>(getpid()));
         SabloClosePipe(fd);
         return ret;
     }
+    if (cmd == "client-exit" && argc == 4) {
+        int fd = OpenClient(argv[2], argv[3], 10000);
+        if (fd < 0) return 40;
+        sable_test::SignalReady("ready " + std::to_string(fd));
+        _exit(0);
+    }
     if (cmd == "exit-in-destructor" && argc == 3) {
         static CallsAtExit atExit{argv[2]};
-        (void)SabloServiceIsExist();  // builds the table after atExit: it dies first
-        sable_test::SignalReady("ready 0");
+        // Builds the table after atExit, so the table's statics die first. The pipe gives the
+        // table a monitor and FIFO files to release on the way out.
+        SabloAttr attr;
+        attr.targetName = argv[2];
+        attr.mode = SABLO_MODE_CREATE;
+        attr.timeout = 0;
+        attr.priority = SABLO_PRIORITY_DEFAULT;
+        int fd = SabloOpen(&attr);
+        if (fd < 0) return 20;
+        sable_test::SignalReady("ready " + std::to_string(fd));
         return 0;
     }
     return 2;
