@@ -10,9 +10,8 @@
  * errno value on failure. All functions may be called from any thread, request callbacks
  * included.
  *
- * A send to a peer that has gone fails with -EPIPE. For that the library sets SIGPIPE to be
- * ignored when it first builds its pipe table, unless the process has a disposition of its
- * own for it (programs started afterwards inherit an ignored SIGPIPE).
+ * A send to a peer that has gone fails with -EPIPE; the SIGPIPE the write raises is held back
+ * in the sending thread and discarded, so the process's own SIGPIPE disposition is untouched.
  */
 #ifndef SABLE_COMM_H
 #define SABLE_COMM_H

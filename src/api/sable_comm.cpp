@@ -207,7 +207,7 @@ int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeou
         pipe->RemoveRequest(*req);
         return ret;
     }
-    return pipe->WaitForResponse(*req, timeoutMs);
+    return pipe->WaitForResponse(*req, *resp, timeoutMs);
 }
 
 int SabloRPCSync(int fd, SabloRequest* req, SabloResponse* resp) {

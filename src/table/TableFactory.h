@@ -9,9 +9,7 @@ class SableTable;
 class TableFactory {
 public:
     // Builds worker pool -> callback pool -> table once (thread-safe). Empty once the process
-    // has begun destroying them at exit. The first call also sets SIGPIPE to be ignored when it
-    // still has its default action, so that a send to a vanished reader fails with -EPIPE
-    // instead of ending the process (the setting is inherited by programs started later).
+    // has begun destroying them at exit.
     //
     // At exit the table is destroyed on the exiting thread once calls still using it have
     // returned: after 50 ms it is disabled (waiting calls return) and they get 2 s more; only
