@@ -245,16 +245,16 @@ class PipeRig {
     // A name of this test: the pid and a counter, then `suffix`.
     std::string Name(const std::string& suffix) const { return tag + suffix; }
 
-    std::shared_ptr<SablePipeImpl> Make(const EndSpec& spec) {
+    std::shared_ptr<SablePipeImpl> Make(const EndSpec& end) {
         SabloAttr attr;
-        attr.targetName = spec.remote.c_str();
-        attr.selfName = spec.self.c_str();
-        attr.callback = spec.callback;
-        attr.timeout = spec.timeout;
-        attr.mode = spec.mode;
+        attr.targetName = end.remote.c_str();
+        attr.selfName = end.self.c_str();
+        attr.callback = end.callback;
+        attr.timeout = end.timeout;
+        attr.mode = end.mode;
         attr.priority = SABLO_PRIORITY_DEFAULT;
-        attr.isConcur = spec.isConcur;
-        auto pipe = std::make_shared<SablePipeImpl>(attr, spec.watch ? observer : unwatched);
+        attr.isConcur = end.isConcur;
+        auto pipe = std::make_shared<SablePipeImpl>(attr, end.watch ? observer : unwatched);
         pipe->SetFd(nextFd++);
         pipes.push_back(pipe);
         return pipe;
