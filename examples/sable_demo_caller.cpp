@@ -97,9 +97,10 @@ int main(int argc, char** argv) {
         size_t idx = std::min(roundTrips.size() - 1, static_cast<size_t>(p * roundTrips.size()));
         return roundTrips[idx];
     };
-    printf("%s (pid %d): %d RPCs + %d async requests, %d failures, round trip p50 %.1f us, "
-           "p99 %.1f us, %.0f RPC/s\n",
-           argv[2], getpid(), count, asyncSent, failures, pct(0.50), pct(0.99),
-           rpcSeconds > 0 ? count / rpcSeconds : 0.0);
+    printf(
+        "%s (pid %d): %d RPCs + %d async requests, %d failures, round trip p50 %.1f us, "
+        "p99 %.1f us, %.0f RPC/s\n",
+        argv[2], getpid(), count, asyncSent, failures, pct(0.50), pct(0.99),
+        rpcSeconds > 0 ? count / rpcSeconds : 0.0);
     return failures == 0 ? 0 : 1;
 }

@@ -72,13 +72,13 @@ struct SabloAttr {
     SabloCallback callback;           /* may be empty: requests are then cached, not delivered */
     int timeout = 0;                  /* open time-out in ms; below 1 waits without limit */
     SabloMode mode = SABLO_MODE_JOIN;
-    uint32_t gid = 0xFFFFFFFFu;       /* group owning the FIFO files; all ones = none */
+    uint32_t gid = 0xFFFFFFFFu; /* group owning the FIFO files; all ones = none */
     SabloPriority priority = SABLO_PRIORITY_DEFAULT; /* 0 or 2 (1 has no receive monitor) */
-    const char* selfName = nullptr;   /* NULL: the process name (PROC_NAME or /proc comm) */
-    int targetPid = -1;               /* remote pid for labelling its FIFO; -1 = unknown */
-    bool isConcur = false;            /* requests may run concurrently, at most 200 at once */
+    const char* selfName = nullptr; /* NULL: the process name (PROC_NAME or /proc comm) */
+    int targetPid = -1;             /* remote pid for labelling its FIFO; -1 = unknown */
+    bool isConcur = false;          /* requests may run concurrently, at most 200 at once */
     SabloDomain domain = SABLO_DOMAIN_NONE;
-    const char* targetCon = nullptr;  /* security context of the FIFO; NULL = none */
+    const char* targetCon = nullptr; /* security context of the FIFO; NULL = none */
 };
 
 /*
@@ -95,8 +95,8 @@ static_assert(sizeof(void*) != 8 || sizeof(SabloClientInfo) == 16, "16-byte reco
 
 struct SabloServerAttr {
     void (*serverCallback)(int fd, SabloClientInfo client); /* a client connected; may be NULL */
-    void (*callback)(int fd, SabloRequest* request);       /* request callback of client pipes */
-    uint32_t gid;                                          /* group of the server FIFO */
+    void (*callback)(int fd, SabloRequest* request);        /* request callback of client pipes */
+    uint32_t gid;                                           /* group of the server FIFO */
     SabloPriority priority;
     const char* selfName; /* server name; NULL: the process name */
 };

@@ -25,9 +25,10 @@ int CheckInputName(const char* name, size_t len, size_t maxLen) {
     }
     size_t trueLen = strlen(name);
     if (trueLen != len) {
-        LOGE("Length of process name(value=%zu) is not equal to the length of target "
-             "process(value=%zu)\n",
-             len, trueLen);
+        LOGE(
+            "Length of process name(value=%zu) is not equal to the length of target "
+            "process(value=%zu)\n",
+            len, trueLen);
         return -EINVAL;
     }
     return 0;

@@ -11,14 +11,16 @@
 
 namespace {
 
-const char* OrEmpty(const char* s) { return s != nullptr ? s : ""; }
+const char* OrEmpty(const char* s) {
+    return s != nullptr ? s : "";
+}
 
 }  // namespace
 
 // The attribute fields in the order of the "open" log lines.
-#define SABLE_ATTR_ARGS(attr)                                                        \
-    OrEmpty((attr)->targetName), (attr)->mode, (attr)->timeout, (attr)->targetPid,    \
-        (attr)->priority, static_cast<int>((attr)->isConcur), (attr)->gid,            \
+#define SABLE_ATTR_ARGS(attr)                                                      \
+    OrEmpty((attr)->targetName), (attr)->mode, (attr)->timeout, (attr)->targetPid, \
+        (attr)->priority, static_cast<int>((attr)->isConcur), (attr)->gid,         \
         OrEmpty((attr)->selfName)
 
 int SabloOpen(const SabloAttr* attr) {
@@ -31,8 +33,7 @@ int SabloOpen(const SabloAttr* attr) {
     return SabloPipeTypeOpen(attr, SABLO_NORMAL_PIPE);
 }
 
-int SabloOpen(const char* name, void (*callback)(int, SabloRequest*), int timeout,
-              SabloMode mode) {
+int SabloOpen(const char* name, void (*callback)(int, SabloRequest*), int timeout, SabloMode mode) {
     SabloAttr attr;
     attr.targetName = name;
     if (callback != nullptr) {
@@ -74,13 +75,15 @@ int SabloPipeTypeOpen(const SabloAttr* attr, SabloPipeType type) {
     }
     int ret = table->MakeAndAddPipe(attr, type);
     if (ret < 0) {
-        LOGW_R("OpenPipe unfinished fd=%d, Name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, "
-               "gid=%u, self=%s\n",
-               ret, SABLE_ATTR_ARGS(attr));
+        LOGW_R(
+            "OpenPipe unfinished fd=%d, Name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, "
+            "gid=%u, self=%s\n",
+            ret, SABLE_ATTR_ARGS(attr));
     } else {
-        LOGI("SabloOpen success fd=%d, Name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, gid=%u, "
-             "self=%s\n",
-             ret, SABLE_ATTR_ARGS(attr));
+        LOGI(
+            "SabloOpen success fd=%d, Name=%s, mode=%d, t=%d, pid=%d, pr=%d, isC=%d, gid=%u, "
+            "self=%s\n",
+            ret, SABLE_ATTR_ARGS(attr));
     }
     return ret;
 }
@@ -95,8 +98,8 @@ int SabloCreateServer(const SabloServerAttr* attr) {
         LOGE("Pipe server init failed\n");
         return -ENOENT;
     }
-    LOGI("SabloCreateServer selfName=%s, gid=%u, priority=%d\n", OrEmpty(attr->selfName),
-         attr->gid, attr->priority);
+    LOGI("SabloCreateServer selfName=%s, gid=%u, priority=%d\n", OrEmpty(attr->selfName), attr->gid,
+         attr->priority);
     return server->Init(*attr);
 }
 

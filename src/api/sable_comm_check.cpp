@@ -17,7 +17,7 @@ constexpr size_t kNameProbe = kNameMax + 1;  // measures one past the limit to r
 
 // The two-character entries add nothing over their one-character prefixes; the list is kept
 // whole so that it reads as the set of refused sequences.
-constexpr std::string_view kBlackList[] = {"|", ";", ">",  "<", ">>", "`", "||",
+constexpr std::string_view kBlackList[] = {"|",  ";", ">", "<", ">>", "`", "||",
                                            "&&", "&", "(", ")", "$",  ".."};
 
 }  // namespace

@@ -34,7 +34,7 @@
 namespace sable {
 
 class CAPABILITY("mutex") Mutex {
-public:
+  public:
     Mutex() = default;
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
@@ -44,12 +44,12 @@ public:
     bool TryLock() TRY_ACQUIRE(true) { return mu.try_lock(); }
     std::mutex& Native() { return mu; }
 
-private:
+  private:
     std::mutex mu;
 };
 
 class SCOPED_CAPABILITY MutexLock {
-public:
+  public:
     explicit MutexLock(Mutex& m) ACQUIRE(m) : lock(m.Native()) {}
     ~MutexLock() RELEASE() {}
     MutexLock(const MutexLock&) = delete;
@@ -59,13 +59,13 @@ public:
     void Lock() ACQUIRE() { lock.lock(); }
     std::unique_lock<std::mutex>& Native() { return lock; }
 
-private:
+  private:
     std::unique_lock<std::mutex> lock;
 };
 
 // Condition variable over Mutex; waits take the scoped lock that holds it.
 class CondVar {
-public:
+  public:
     void Wait(MutexLock& l) { cv.wait(l.Native()); }
     template <class Clock, class Dur>
     std::cv_status WaitUntil(MutexLock& l, const std::chrono::time_point<Clock, Dur>& t) {
@@ -74,23 +74,23 @@ public:
     void NotifyOne() { cv.notify_one(); }
     void NotifyAll() { cv.notify_all(); }
 
-private:
+  private:
     std::condition_variable cv;
 };
 
 class CAPABILITY("shared_mutex") SharedMutex {
-public:
+  public:
     void Lock() ACQUIRE() { mu.lock(); }
     void Unlock() RELEASE() { mu.unlock(); }
     void LockShared() ACQUIRE_SHARED() { mu.lock_shared(); }
     void UnlockShared() RELEASE_SHARED() { mu.unlock_shared(); }
 
-private:
+  private:
     std::shared_mutex mu;
 };
 
 class SCOPED_CAPABILITY WriterLock {
-public:
+  public:
     explicit WriterLock(SharedMutex& m) ACQUIRE(m) : mu(m) { mu.Lock(); }
     ~WriterLock() RELEASE() {
         if (held) mu.Unlock();
@@ -102,19 +102,19 @@ public:
     WriterLock(const WriterLock&) = delete;
     WriterLock& operator=(const WriterLock&) = delete;
 
-private:
+  private:
     SharedMutex& mu;
     bool held = true;
 };
 
 class SCOPED_CAPABILITY ReaderLock {
-public:
+  public:
     explicit ReaderLock(SharedMutex& m) ACQUIRE_SHARED(m) : mu(m) { mu.LockShared(); }
     ~ReaderLock() RELEASE() { mu.UnlockShared(); }
     ReaderLock(const ReaderLock&) = delete;
     ReaderLock& operator=(const ReaderLock&) = delete;
 
-private:
+  private:
     SharedMutex& mu;
 };
 

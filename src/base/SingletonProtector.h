@@ -16,7 +16,7 @@ namespace sable {
 // flag, not freed state.
 template <class T>
 class SingletonProtector {
-public:
+  public:
     explicit SingletonProtector(const std::shared_ptr<T>& object) : instance(object) {}
     ~SingletonProtector() {
         MarkDead();
@@ -43,9 +43,9 @@ public:
         pthread_rwlock_unlock(&lock);
     }
 
-private:
-    bool alive = true;         // guarded by lock
-    std::weak_ptr<T> instance; // read under lock; does not keep the object alive
+  private:
+    bool alive = true;          // guarded by lock
+    std::weak_ptr<T> instance;  // read under lock; does not keep the object alive
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
 };
 

@@ -9,7 +9,7 @@
 namespace sable {
 
 class UniqueFd {
-public:
+  public:
     UniqueFd() = default;
     explicit UniqueFd(int fd) : value(fd) {}
     ~UniqueFd() { Reset(); }
@@ -29,7 +29,7 @@ public:
         value = fd;
     }
 
-private:
+  private:
     int value = -1;
 };
 

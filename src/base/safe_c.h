@@ -30,8 +30,7 @@ inline int VsnprintfCount(char* dest, size_t destSize, size_t count, const char*
 }
 
 __attribute__((format(printf, 4, 5))) inline int SnprintfCount(char* dest, size_t destSize,
-                                                               size_t count, const char* fmt,
-                                                               ...) {
+                                                               size_t count, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     int ret = VsnprintfCount(dest, destSize, count, fmt, ap);

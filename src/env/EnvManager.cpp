@@ -89,11 +89,17 @@ int EnvManager::HostName() {
     return strcmp(kHostDomainName, "elm") == 0 ? 2 : 1;
 }
 
-std::string EnvManager::GetLocalDomainName() { return std::string(kHostDomainName) + ":"; }
+std::string EnvManager::GetLocalDomainName() {
+    return std::string(kHostDomainName) + ":";
+}
 
-std::string EnvManager::FifoPrefix() { return "/dev/shm/nux/sable_comm/"; }
+std::string EnvManager::FifoPrefix() {
+    return "/dev/shm/nux/sable_comm/";
+}
 
-std::string EnvManager::ElmFifoDirPrefix() { return "/local"; }
+std::string EnvManager::ElmFifoDirPrefix() {
+    return "/local";
+}
 
 int EnvManager::CheckNuxlibPath(const std::string& path) {
     if (path.size() > 4096) {

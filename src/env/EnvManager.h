@@ -8,7 +8,7 @@
 #include "sable_comm.h"
 
 class EnvManager {
-public:
+  public:
     static constexpr size_t PROC_NAME_SIZE = 101;
 
     // The one process-wide environment mutex: every read-modify of the environment and of the

@@ -51,9 +51,13 @@ int IsAuthEnabled() {
     return -1;
 }
 
-int AuthSecurityGetEnforce() { return security_getenforce(); }
+int AuthSecurityGetEnforce() {
+    return security_getenforce();
+}
 
-int AuthSecurityCheckContext(const char* con) { return security_check_context(con); }
+int AuthSecurityCheckContext(const char* con) {
+    return security_check_context(con);
+}
 
 int AuthRestoreCon(const char* path, unsigned int flags) {
     return selinux_restorecon(path, ToRestoreconFlags(flags));
@@ -81,7 +85,9 @@ uint32_t AuthStringToAvPerm(uint16_t tclass, const char* name) {
     return string_to_av_perm(tclass, name);
 }
 
-uint16_t AuthStringToSecurityClass(const char* name) { return string_to_security_class(name); }
+uint16_t AuthStringToSecurityClass(const char* name) {
+    return string_to_security_class(name);
+}
 
 int AuthGetPidCon(pid_t pid, char** con) {
     if (IsAuthEnabled() < 1) {
@@ -110,7 +116,9 @@ int AuthSetFileCon(const char* path, const char* con) {
     return setfilecon(path, con);
 }
 
-int AuthSelinuxSetFileCon(const char* path, const char* con) { return AuthSetFileCon(path, con); }
+int AuthSelinuxSetFileCon(const char* path, const char* con) {
+    return AuthSetFileCon(path, con);
+}
 
 int AuthSetCon(const char* con) {
     if (IsAuthEnabled() < 1) {

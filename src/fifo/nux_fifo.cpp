@@ -43,11 +43,12 @@ bool TempNameFor(const std::string& path, std::string& tmp) {
 
 void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targetCon) {
     LOGI("nux_fifo: single domain restore context.\n");
-    LOGI("[single domain] resorecon, access contexts for %s, curHostName is %d, pid is %d, "
-         "context is %s.\n",
-         tmp.c_str(), EnvManager::HostName(), pid, targetCon.c_str());
-    LOGI("[single domain] TryResorecon enter, inName=%s, targetPid=%d. targetCon=%s\n",
-         tmp.c_str(), pid, targetCon.c_str());
+    LOGI(
+        "[single domain] resorecon, access contexts for %s, curHostName is %d, pid is %d, "
+        "context is %s.\n",
+        tmp.c_str(), EnvManager::HostName(), pid, targetCon.c_str());
+    LOGI("[single domain] TryResorecon enter, inName=%s, targetPid=%d. targetCon=%s\n", tmp.c_str(),
+         pid, targetCon.c_str());
     if (IsAuthEnabled() <= 0) {
         LOGI("[single domain] Auth is disabled.\n");
         return;
@@ -58,9 +59,10 @@ void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targe
         return;
     }
     if (CanAccessFileContexts() != 0) {
-        LOGW("[single domain] Can not access contexts for %s, maybe auth policy is installed "
-             "wrong.\n",
-             tmp.c_str());
+        LOGW(
+            "[single domain] Can not access contexts for %s, maybe auth policy is installed "
+            "wrong.\n",
+            tmp.c_str());
         return;
     }
     if (targetCon.empty()) {
@@ -68,8 +70,8 @@ void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targe
         char* pipeContext = nullptr;
         int ret = AuthGetPidCon(pid, &pipeContext);
         if (ret < 0 || pipeContext == nullptr) {
-            LOGE("[single domain] Get pid context failed, inName=%s, targetPid=%d.\n",
-                 tmp.c_str(), pid);
+            LOGE("[single domain] Get pid context failed, inName=%s, targetPid=%d.\n", tmp.c_str(),
+                 pid);
             return;
         }
         ret = AuthSetFileCon(tmp.c_str(), pipeContext);
@@ -90,9 +92,10 @@ void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targe
 void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::string& targetCon) {
     int host = EnvManager::HostName();
     LOGI("nux_fifo: cross domain restore context.\n");
-    LOGI("[cross domain] TryResorecon, access contexts for %s, curHostName is %d, targetCon is "
-         "%s\n",
-         tmp.c_str(), host, targetCon.c_str());
+    LOGI(
+        "[cross domain] TryResorecon, access contexts for %s, curHostName is %d, targetCon is "
+        "%s\n",
+        tmp.c_str(), host, targetCon.c_str());
     if (targetCon.empty()) {
         LOGI("[cross domain] targetCon is empty, inName is %s.\n", tmp.c_str());
         return;
@@ -102,17 +105,18 @@ void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::str
         return;
     }
     if (CanAccessFileContexts() != 0) {
-        LOGW("[cross domain] Auth Can not access contexts for %s. curHostName is %d\n",
-             tmp.c_str(), host);
+        LOGW("[cross domain] Auth Can not access contexts for %s. curHostName is %d\n", tmp.c_str(),
+             host);
         return;
     }
     if (host == SABLO_DOMAIN_ELM) {
         // The Elm host's policy speaks full contexts already.
         int ret = AuthSelinuxSetFileCon(tmp.c_str(), targetCon.c_str());
         if (ret != 0) {
-            LOGE("[cross domain] The ret of restorecon for file %s is %d. domain is %d, "
-                 "targetCon is %s\n",
-                 tmp.c_str(), ret, static_cast<int>(domain), targetCon.c_str());
+            LOGE(
+                "[cross domain] The ret of restorecon for file %s is %d. domain is %d, "
+                "targetCon is %s\n",
+                tmp.c_str(), ret, static_cast<int>(domain), targetCon.c_str());
         }
         return;
     }
@@ -126,9 +130,10 @@ void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::str
     LOGI("[cross domain] targetCon convert result is %s", converted);
     ret = AuthSelinuxSetFileCon(tmp.c_str(), converted);
     if (ret != 0) {
-        LOGE("[cross domain] The ret of restorecon for file %s is %d. curHostName is %d, "
-             "context is %s\n",
-             tmp.c_str(), ret, host, converted);
+        LOGE(
+            "[cross domain] The ret of restorecon for file %s is %d. curHostName is %d, "
+            "context is %s\n",
+            tmp.c_str(), ret, host, converted);
     }
     AuthProxyFree(converted);
 }
@@ -307,8 +312,8 @@ int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain d
             if (Exists(path)) {
                 unlink(path.c_str());
             }
-            LOGE("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.\n",
-                 tmp.c_str(), path.c_str(), result);
+            LOGE("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.\n", tmp.c_str(),
+                 path.c_str(), result);
             return result;
         }
     }

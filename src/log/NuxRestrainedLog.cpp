@@ -42,8 +42,8 @@ int NuxRestrainedLog::PrintTableInsert(unsigned long key, int32_t now) {
     sable::MutexLock lock(tableMutex);
     auto it = printTable.find(key);
     if (it != printTable.end() && it->second >= 0) {
-        int32_t elapsed = static_cast<int32_t>(static_cast<uint32_t>(now) -
-                                               static_cast<uint32_t>(it->second));
+        int32_t elapsed =
+            static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(it->second));
         if (elapsed <= RESTRAIN_PERIOD - 1) {
             return -1;
         }

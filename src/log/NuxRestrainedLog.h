@@ -12,7 +12,7 @@
 namespace NuxCore {
 
 class NuxRestrainedLog {
-public:
+  public:
     static constexpr int32_t RESTRAIN_PERIOD = 600;  // seconds
 
     NuxRestrainedLog() = default;
@@ -29,7 +29,7 @@ public:
     // Same decision at the realtime-clock second `now`.
     int PrintTableInsert(unsigned long key, int32_t now);
 
-private:
+  private:
     std::atomic<bool> destroyed{false};
     sable::Mutex tableMutex;  // guards printTable; a leaf lock
     std::unordered_map<uint64_t, int32_t> printTable GUARDED_BY(tableMutex);

@@ -21,8 +21,8 @@ constexpr size_t kBufSize = 256;
 constexpr size_t kMaxChars = 255;
 constexpr size_t kStampSize = 32;
 
-const char* const kTypeTags[8] = {"NUX",       "SABLECOMM", "FAULTEVENT", "HEARTBEAT",
-                                  "NUX",       "SABLECOMM", "FAULTEVENT", "HEARTBEAT"};
+const char* const kTypeTags[8] = {"NUX", "SABLECOMM", "FAULTEVENT", "HEARTBEAT",
+                                  "NUX", "SABLECOMM", "FAULTEVENT", "HEARTBEAT"};
 
 // Serialises line building and the syslog call so lines of concurrent threads stay whole and
 // in order. Lock order: taken before the environment mutex (the first line of the process
@@ -94,8 +94,8 @@ int AppendReversedDigits(char* buf, uint64_t value) {
 
 }  // namespace sable
 
-extern "C" void NuxSyslog(NUXLogType type, int level, int line, const char* file,
-                          const char* fmt, ...) {
+extern "C" void NuxSyslog(NUXLogType type, int level, int line, const char* file, const char* fmt,
+                          ...) {
     int* errnoAddr = &errno;
     if (level > LOG_NOTICE) {
         return;

@@ -22,8 +22,8 @@ enum NUXLogType : int32_t {
 
 // `level` is the syslog priority; levels above LOG_NOTICE are dropped before any work and
 // leave errno untouched. errno is preserved across a printed call. Thread-safe.
-extern "C" void NuxSyslog(NUXLogType type, int level, int line, const char* file,
-                          const char* fmt, ...) __attribute__((format(printf, 5, 6)));
+extern "C" void NuxSyslog(NUXLogType type, int level, int line, const char* file, const char* fmt,
+                          ...) __attribute__((format(printf, 5, 6)));
 
 namespace sable {
 // Appends the decimal digits of `value`, least significant first and without the most

@@ -17,7 +17,7 @@ void LogNoPoint() {
 }  // namespace
 
 uint64_t GetCurrentTime() {
-    timespec now {};
+    timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond +
            static_cast<uint64_t>(now.tv_nsec / kNsPerUs);
@@ -34,7 +34,7 @@ int64_t RunTimeRecord::CalculationInterval(const timespec& later, const timespec
 }
 
 void RunTimeRecord::RecordCurrentTime() {
-    timespec now {};
+    timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     RecordTime(now);
 }

@@ -18,7 +18,7 @@ uint64_t GetCurrentTime();
 // Belongs to one thread (it lives on the caller's stack); nothing is locked. The first points
 // are kept inline so that timing a write allocates nothing.
 class RunTimeRecord {
-public:
+  public:
     // `totalTimeMs`: the budget of the whole operation in milliseconds.
     explicit RunTimeRecord(uint64_t totalTimeMs) : totalTime(totalTimeMs) {}
 
@@ -38,7 +38,7 @@ public:
 
     uint64_t PointCount() const { return pointNum; }
 
-private:
+  private:
     static constexpr size_t kInlinePoints = 4;
 
     const timespec& Point(uint64_t i) const {

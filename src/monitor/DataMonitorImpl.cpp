@@ -15,7 +15,9 @@
 #include "log/run_time_record.h"
 #include "pipe/SablePipeImpl.h"
 
-DataMonitorImpl::~DataMonitorImpl() { Destroy(); }
+DataMonitorImpl::~DataMonitorImpl() {
+    Destroy();
+}
 
 int DataMonitorImpl::Init(const SabloPriority& priority, int eventIdx,
                           const DataMonitorType& monitorType) {
@@ -78,7 +80,9 @@ int DataMonitorImpl::AddFd(int pipeIdx, int readFd) {
     return AddFdToEpoll(epollFd.load(), readFd, pipeIdx, EPOLLIN);
 }
 
-int DataMonitorImpl::RemoveFd(int readFd) const { return RemoveFdFromEpoll(epollFd.load(), readFd); }
+int DataMonitorImpl::RemoveFd(int readFd) const {
+    return RemoveFdFromEpoll(epollFd.load(), readFd);
+}
 
 void DataMonitorImpl::AddNewItemToTable(int pipeIdx, int readFd,
                                         const std::shared_ptr<SablePipeImpl>& pipe) {
@@ -191,9 +195,10 @@ void DataMonitorImpl::RecvRoutine() {
             if (!pipe) {
                 // The pipe went between the wait and the lookup. The lock is released first:
                 // Remove takes it again and it is not recursive.
-                LOGE("DataMonitorImpl RecvRoutine pipe == nullptr, i=%lu, pipeIdx=%d, "
-                     "events=%u.\n",
-                     static_cast<unsigned long>(i), pipeIdx, events[i].events);
+                LOGE(
+                    "DataMonitorImpl RecvRoutine pipe == nullptr, i=%lu, pipeIdx=%d, "
+                    "events=%u.\n",
+                    static_cast<unsigned long>(i), pipeIdx, events[i].events);
                 Remove(pipeIdx);
                 continue;
             }

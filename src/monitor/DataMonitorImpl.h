@@ -33,7 +33,7 @@ struct PipeIdxMgrImpl {
 };
 
 class DataMonitorImpl {
-public:
+  public:
     static constexpr int MAX_EVENTS = 1024;
 
     DataMonitorImpl() = default;
@@ -66,7 +66,7 @@ public:
     DataMonitorType Type() const { return type; }
     size_t Size();
 
-private:
+  private:
     std::atomic<int> epollFd{-1};
     std::atomic<int> eventFd{-1};
     SableCommThread thread;

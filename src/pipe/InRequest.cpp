@@ -5,4 +5,6 @@
 InRequest::InRequest(InMessage& msg)
     : request{msg.id, reinterpret_cast<uint8_t*>(msg.ReleaseData()), msg.payloadLen} {}
 
-InRequest::~InRequest() { delete[] request.data; }
+InRequest::~InRequest() {
+    delete[] request.data;
+}

@@ -7,7 +7,7 @@
 class InMessage;
 
 class InRequest {
-public:
+  public:
     // Takes the payload array over from `msg`.
     explicit InRequest(InMessage& msg);
     virtual ~InRequest();
@@ -16,7 +16,7 @@ public:
 
     SabloRequest& Record() { return request; }
 
-private:
+  private:
     SabloRequest request;
 };
 

@@ -7,17 +7,17 @@
 #include <cstdint>
 
 class MagicReceiver {
-public:
+  public:
     // The first word of every frame and packet.
     static const uint32_t MAGIC = 0xA6B7C8D9u;
     // The bytes of MAGIC as they stand in memory and on the wire (native byte order).
     static const uint8_t MAGIC_ENUM[4];
 
     enum MagicResult : int32_t {
-        MAGIC_OK = 0,          // four bytes read, all equal to MAGIC_ENUM
-        MAGIC_MISMATCH = 1,    // a byte differed (it is consumed; nothing resynchronises)
-        MAGIC_PEER_CLOSED = 2, // end of file: the writer has gone
-        MAGIC_RECV_ERROR = 3,  // Recv failed
+        MAGIC_OK = 0,           // four bytes read, all equal to MAGIC_ENUM
+        MAGIC_MISMATCH = 1,     // a byte differed (it is consumed; nothing resynchronises)
+        MAGIC_PEER_CLOSED = 2,  // end of file: the writer has gone
+        MAGIC_RECV_ERROR = 3,   // Recv failed
     };
 
     MagicReceiver() = default;

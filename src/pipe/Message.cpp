@@ -37,7 +37,9 @@ bool Message::SizeValid() const {
 InMessage::InMessage(unsigned msgId, unsigned msgType, unsigned msgPayloadLen)
     : Message(msgId, msgType, msgPayloadLen) {}
 
-InMessage::~InMessage() { delete[] data; }
+InMessage::~InMessage() {
+    delete[] data;
+}
 
 uint8_t* InMessage::GetData() {
     if (SizeValid() && data == nullptr) {

@@ -11,7 +11,7 @@
 // Frame header and trailer fields shared by both directions. Not thread-safe: a message belongs
 // to the thread that builds or reads it.
 class Message {
-public:
+  public:
     // Largest payload a frame may carry; a frame (payload plus OverheadSize()) then stays below
     // the FIFO's atomic-write size.
     static const uint64_t MAX_PAYLOAD_LEN = 4000;
@@ -40,13 +40,13 @@ public:
     uint32_t payloadLen;
     uint32_t checksum = 0;
 
-private:
+  private:
     static constexpr size_t OVERHEAD_SIZE = 32;
 };
 
 // A message read off a FIFO. Owns its payload array (allocated on first GetData()).
 class InMessage : public Message {
-public:
+  public:
     InMessage(unsigned id, unsigned type, unsigned payloadLen);
     ~InMessage() override;
 
@@ -61,14 +61,14 @@ public:
     // delete[]; the message no longer owns it.
     uint8_t* ReleaseData();
 
-private:
+  private:
     uint8_t* data = nullptr;
 };
 
 // A message to send, built on the caller's stack over the caller's payload, which it does not
 // own and which must outlive it.
 class OutMessage : public Message {
-public:
+  public:
     // A request (type 0) carrying the sender's time-out in milliseconds.
     OutMessage(unsigned id, const SabloRequest& req, int timeout);
     // A response (type 1); its time-out is always -1.

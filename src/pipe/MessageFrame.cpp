@@ -120,9 +120,10 @@ std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::s
     }
     uint32_t computed = msg->Checksum();
     if (received != computed) {
-        LOGE("Recv msg failed, send checksum = %u, but recv checksum = %u for readFd(%d) "
-             "remote(%s)\n",
-             received, computed, readFd, remoteName.c_str());
+        LOGE(
+            "Recv msg failed, send checksum = %u, but recv checksum = %u for readFd(%d) "
+            "remote(%s)\n",
+            received, computed, readFd, remoteName.c_str());
         return nullptr;
     }
     // The trailer is read only to consume the frame; nothing downstream uses it.

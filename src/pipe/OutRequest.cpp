@@ -10,7 +10,9 @@ OutTimedRequest::OutTimedRequest(const std::shared_ptr<SablePipeImpl>& owner, un
                                  int budgetMs)
     : OutRequest(id), pipe(owner), timeoutMs(budgetMs) {}
 
-void OutTimedRequest::Process(SabloResponse& /*response*/) { Cancel(); }
+void OutTimedRequest::Process(SabloResponse& /*response*/) {
+    Cancel();
+}
 
 void OutTimedRequest::CancelLocked() {
     count += 1;

@@ -10,7 +10,7 @@
 class SablePipeImpl;
 
 class OutRequest {
-public:
+  public:
     explicit OutRequest(unsigned int id) : request{id, nullptr, 0} {}
     virtual ~OutRequest() = default;
     OutRequest(const OutRequest&) = delete;
@@ -26,13 +26,13 @@ public:
     unsigned int Id() const { return request.id; }
     const SabloRequest& Header() const { return request; }
 
-protected:
+  protected:
     SabloRequest request;  // only the id is filled
 };
 
 // A one-shot, semaphore-like wait with a time budget in milliseconds (negative: no limit).
 class OutTimedRequest : public OutRequest {
-public:
+  public:
     OutTimedRequest(const std::shared_ptr<SablePipeImpl>& pipe, unsigned int id, int timeoutMs);
 
     void Process(SabloResponse& response) override;
@@ -42,7 +42,7 @@ public:
     void Init() override {}
     void Cancel() override;
 
-protected:
+  protected:
     void CancelLocked() REQUIRES(mutex);
 
     std::weak_ptr<SablePipeImpl> pipe;  // a pending request never keeps a closed pipe alive
@@ -57,7 +57,7 @@ protected:
 
 // A synchronous RPC: the response lands in the caller's record.
 class OutSyncTimedRequest : public OutTimedRequest {
-public:
+  public:
     OutSyncTimedRequest(std::shared_ptr<SablePipeImpl> pipe, unsigned int id,
                         SabloResponse& response, int timeoutMs);
 
@@ -68,7 +68,7 @@ public:
     // (the pipe was closed).
     int Wait() override;
 
-private:
+  private:
     SabloResponse* response;  // written under `mutex` only while not withdrawn
 };
 

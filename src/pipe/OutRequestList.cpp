@@ -43,7 +43,9 @@ std::shared_ptr<OutRequest> OutRequestList::Pop(unsigned int id) {
     return nullptr;
 }
 
-void OutRequestList::Erase(unsigned int id) { (void)Pop(id); }
+void OutRequestList::Erase(unsigned int id) {
+    (void)Pop(id);
+}
 
 size_t OutRequestList::Size() {
     sable::MutexLock lock(mutex);

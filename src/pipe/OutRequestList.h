@@ -12,7 +12,7 @@ class OutRequest;
 
 // Thread-safe; every member takes the list's mutex for its whole run.
 class OutRequestList {
-public:
+  public:
     static constexpr size_t CAPACITY = 1000;
 
     // 0; -ENOMEM when 1000 entries are held; -EPIPE when not enabled.
@@ -27,7 +27,7 @@ public:
     // Refuses new entries, cancels every entry (releasing its waiter) and empties the list.
     void Disable();
 
-private:
+  private:
     sable::Mutex mutex;  // guards everything below; taken after the pipe's out-request mutex
     std::list<std::shared_ptr<OutRequest>> entries GUARDED_BY(mutex);
     size_t count GUARDED_BY(mutex) = 0;

@@ -9,7 +9,7 @@
 // Announces itself with a connect packet on the server's FIFO, then opens as an ordinary pipe.
 // Its own name carries "_<pid>", so several processes of one program can talk to one server.
 class SableClientPipe : public SablePipeImpl {
-public:
+  public:
     SableClientPipe(const SabloAttr& attr, PipeObserver& observer);
     ~SableClientPipe() override = default;
 

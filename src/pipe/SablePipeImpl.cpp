@@ -42,7 +42,7 @@ uint64_t BudgetUs(int timeoutMs) {
 // thread for the one write and, when that write broke the pipe, taken off again before the
 // mask is restored. A thread that blocks SIGPIPE itself keeps its own handling of it.
 class SigpipeHold {
-public:
+  public:
     SigpipeHold() {
         sigemptyset(&pipeSet);
         sigaddset(&pipeSet, SIGPIPE);
@@ -68,7 +68,7 @@ public:
         }
     }
 
-private:
+  private:
     sigset_t pipeSet;
     bool heldByCaller = false;
 };
@@ -77,7 +77,7 @@ private:
 
 SablePipeImpl::SablePipeImpl(const SabloAttr& attr, PipeObserver& pipeObserver)
     : myName(attr.selfName != nullptr && attr.selfName[0] != '\0' ? attr.selfName
-                                                                   : EnvManager::ProcName()),
+                                                                  : EnvManager::ProcName()),
       remoteName(attr.targetName != nullptr ? attr.targetName : ""),
       targetCon(attr.targetCon != nullptr ? attr.targetCon : ""),
       observer(pipeObserver),
@@ -183,8 +183,8 @@ int SablePipeImpl::OpenWriteFifo() {
     int ret = OpenFifo(writeFifoName, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (ret >= 0) {
         writeFd.store(ret);
-        LOGI("open writeFdNB(%d) of file(%s) success for remote(%s)\n", ret,
-             writeFifoName.c_str(), remoteName.c_str());
+        LOGI("open writeFdNB(%d) of file(%s) success for remote(%s)\n", ret, writeFifoName.c_str(),
+             remoteName.c_str());
     }
     return ret;
 }
@@ -340,8 +340,7 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
         if (ret == -ETIMEDOUT || ret == -ECANCELED) {
             LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), ret, strerror(-ret));
         } else {
-            LOGE("Open pipe to %s failed, err = %d, errno = %d.\n", remoteName.c_str(), ret,
-                 errno);
+            LOGE("Open pipe to %s failed, err = %d, errno = %d.\n", remoteName.c_str(), ret, errno);
         }
         return ret;
     }
@@ -427,10 +426,11 @@ int SablePipeImpl::Write(OutMessage& msg) {
     if (ret == 0) {
         ret = Write(frame.get(), len, msg.id);
     }
-    LOGD("readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
-         "checksum(%u)\n",
-         readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen,
-         msg.checksum);
+    LOGD(
+        "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
+        "checksum(%u)\n",
+        readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen,
+        msg.checksum);
     return ret;
 }
 
@@ -537,8 +537,8 @@ void SablePipeImpl::HandleEvent(const struct epoll_event& event,
         while (more) {
             more = HandleMessage(record);
         }
-        LOGI("%s=>%s readFd(%d) read msg 0, remote is closed\n", myName.c_str(),
-             remoteName.c_str(), readFd.load());
+        LOGI("%s=>%s readFd(%d) read msg 0, remote is closed\n", myName.c_str(), remoteName.c_str(),
+             readFd.load());
         HandleRemoteClosed();
     }
 }
@@ -631,11 +631,12 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     } else {
         // The remote-close notice is never dropped: it is the one task that closes the pipe
         // and frees its handle, and the user would not learn of the close otherwise.
-        if (request && callbacksInFlight.load(std::memory_order_relaxed) >
-                           kMaxConcurrentCallbacks - 1) {
-            LOGE_R("Callback occupied over 200 threads fail. Drop the current callback for "
-                   "Remote=%s, fd=%d.",
-                   remoteName.c_str(), pipeFd);
+        if (request &&
+            callbacksInFlight.load(std::memory_order_relaxed) > kMaxConcurrentCallbacks - 1) {
+            LOGE_R(
+                "Callback occupied over 200 threads fail. Drop the current callback for "
+                "Remote=%s, fd=%d.",
+                remoteName.c_str(), pipeFd);
             return;
         }
         callbacksInFlight.fetch_add(1, std::memory_order_relaxed);
@@ -646,8 +647,8 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
         }
     }
     if (ret != 0) {
-        LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret,
-             readFd.load(), remoteName.c_str());
+        LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),
+             remoteName.c_str());
     }
 }
 
@@ -677,14 +678,13 @@ void SablePipeImpl::OnCallbackFinished() {
 
 // ---------------------------------------------------------------- synchronous requests
 
-int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& response,
-                                    int timeoutMs) {
+int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs) {
     std::string runMode = EnvManager::GetRunMode();
     LOGI("RUN_MODE=%s", runMode.c_str());
     int budget = runMode == "1" ? kLongRunModeMs : timeoutMs;
     request.id = AllocateId();
-    auto out = std::make_shared<OutSyncTimedRequest>(shared_from_this(), request.id, response,
-                                                     budget);
+    auto out =
+        std::make_shared<OutSyncTimedRequest>(shared_from_this(), request.id, response, budget);
     out->Init();
     return outReqList.PushBack(out);
 }
@@ -715,12 +715,12 @@ int SablePipeImpl::WaitForEntry(const SabloRequest& request, const SabloResponse
         ret = waiting->Wait();
     }
     if (ret == -EPIPE) {
-        LOGE("Self=%s, Remote=%s failed. Caught exception.\n", myName.c_str(),
-             remoteName.c_str());
+        LOGE("Self=%s, Remote=%s failed. Caught exception.\n", myName.c_str(), remoteName.c_str());
     } else if (ret < 0) {
-        LOGE("SabloRPC WaitForResponse timeout, id=%u,size=%u,timeout=%d ms,err=%d,Remote=%s,"
-             "Self=%s.\n",
-             request.id, request.size, timeoutMs, ret, remoteName.c_str(), myName.c_str());
+        LOGE(
+            "SabloRPC WaitForResponse timeout, id=%u,size=%u,timeout=%d ms,err=%d,Remote=%s,"
+            "Self=%s.\n",
+            request.id, request.size, timeoutMs, ret, remoteName.c_str(), myName.c_str());
     }
     return ret;
 }
@@ -728,9 +728,8 @@ int SablePipeImpl::WaitForEntry(const SabloRequest& request, const SabloResponse
 // ---------------------------------------------------------------- close
 
 void SablePipeImpl::CloseFd() {
-    LOGI("Sablecomm CloseFd, fd=%d, readfd=%d, writefd=%d, closeFdAction=%d, %s=>%s\n",
-         fd.load(), readFd.load(), writeFd.load(), closeFdAction.load(), myName.c_str(),
-         remoteName.c_str());
+    LOGI("Sablecomm CloseFd, fd=%d, readfd=%d, writefd=%d, closeFdAction=%d, %s=>%s\n", fd.load(),
+         readFd.load(), writeFd.load(), closeFdAction.load(), myName.c_str(), remoteName.c_str());
     sable::WriterLock lock(fdMutex);
     int action = closeFdAction.load();
     if (action == 0) {
@@ -780,7 +779,9 @@ void SablePipeImpl::HandleRemoteClosed() {
     outReqList.Disable();
 }
 
-void SablePipeImpl::OnRemoteClosedFinished() { observer.OnFreeSelfWorker(std::to_string(fd.load())); }
+void SablePipeImpl::OnRemoteClosedFinished() {
+    observer.OnFreeSelfWorker(std::to_string(fd.load()));
+}
 
 void SablePipeImpl::ExceptionHandler() {
     unlink(writeFifoName.c_str());

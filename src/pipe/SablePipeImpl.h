@@ -30,7 +30,7 @@ struct EpollTimeRecord;
 // The end opened with mode 1 creates both FIFO files; the end opened with mode 0 waits for them.
 // Each direction has its own file, named from its writer to its reader.
 class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<SablePipeImpl> {
-public:
+  public:
     using Handler = std::function<void(int, SabloRequest*)>;
 
     // Throws std::out_of_range for a priority without a receive monitor (1).
@@ -112,8 +112,7 @@ public:
     // The same for the caller of RecordOutRequest, who passes the response record it gave
     // there: an entry that is already gone gives 0 only when the response is in the record,
     // -EPIPE when a close cancelled the request before this call looked.
-    int WaitForResponse(const SabloRequest& request, const SabloResponse& response,
-                        int timeoutMs);
+    int WaitForResponse(const SabloRequest& request, const SabloResponse& response, int timeoutMs);
 
     // --- close ---
     // Closes both descriptors and removes the FIFO files this end owns; idempotent.
@@ -132,7 +131,7 @@ public:
     const std::string& GetWriteFifoName() const { return writeFifoName; }
     const std::string& GetReadFifoName() const { return readFifoName; }
 
-protected:
+  protected:
     // Re-forms both FIFO names after a change of `myName`.
     void FormFifoNames();
     int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
@@ -173,7 +172,7 @@ protected:
     std::mutex remoteCloseMutex;
 
     // Request side.
-    Handler serviceHandler;  // fixed at construction
+    Handler serviceHandler;   // fixed at construction
     sable::Mutex cacheMutex;  // guards the cache; held while cached requests are queued
     std::list<std::shared_ptr<InRequest>> inReqList GUARDED_BY(cacheMutex);
     uint64_t inReqCount GUARDED_BY(cacheMutex) = 0;

@@ -5,7 +5,7 @@
 #include <mutex>
 
 class TimedLock {
-public:
+  public:
     // `timeoutMs` negative: no limit. Does not lock yet.
     TimedLock(std::timed_mutex* mu, int budgetMs) : mutex(mu), timeoutMs(budgetMs) {}
     ~TimedLock();
@@ -17,7 +17,7 @@ public:
     // What is left of the budget after Lock (the budget itself when it has no limit).
     int GetRemainingTime() const { return timeoutMs < 0 ? timeoutMs : remainingMs; }
 
-private:
+  private:
     std::timed_mutex* mutex;
     int timeoutMs;
     int remainingMs = 0;

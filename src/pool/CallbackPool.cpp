@@ -4,8 +4,7 @@
 
 #include "log/NuxSyslog.h"
 
-CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool)
-    : pool(std::move(workerPool)) {}
+CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool) : pool(std::move(workerPool)) {}
 
 CallbackPool::~CallbackPool() {
     // Borrowed workers report back to this object: none may still be running when it goes.

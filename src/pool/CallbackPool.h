@@ -24,7 +24,7 @@
 // Thread-safe; callbacks run with no lock of the pools held. Borrowed workers report back to
 // this object, so its destructor destroys the worker pool (stopping and joining its workers).
 class CallbackPool : public SableTaskObserver {
-public:
+  public:
     explicit CallbackPool(std::shared_ptr<WorkerPool> workerPool);
     ~CallbackPool() override;
     CallbackPool(const CallbackPool&) = delete;
@@ -39,8 +39,8 @@ public:
     // waiting). 0; -EINVAL for an empty callback; -ENOSPC when no ordinary slot is free;
     // -EACCES once the pool is destroyed (for a name not bound before); the scheduling
     // switch's error; -EBUSY or -1 from Worker::Assign. Nothing is queued on failure.
-    int DropTo(const std::string& name, const std::function<void()>& callback,
-               SabloPriority prio) EXCLUDES(findMutex);
+    int DropTo(const std::string& name, const std::function<void()>& callback, SabloPriority prio)
+        EXCLUDES(findMutex);
     // The worker bound to `name`, binding a free one when there is none; null when no slot is
     // free or the pool is stopping. Two threads asking for a new name get the same worker.
     Worker* FindWorker(const std::string& name) EXCLUDES(findMutex);
@@ -56,7 +56,7 @@ public:
     size_t NumWorkers() const;
     size_t NumUrgentWorkers() const;
 
-private:
+  private:
     Worker* FindWorker(const std::string& name, int& error) EXCLUDES(findMutex);
 
     std::shared_ptr<WorkerPool> pool;

@@ -28,7 +28,7 @@
 // Lock order (pool side first): WorkerPool's workers mutex -> workerMutex -> startMutex; the
 // semaphore's mutex is a leaf.
 class Worker {
-public:
+  public:
     using TaskPtr = std::shared_ptr<const SableTask>;
     using TaskQueue = std::deque<TaskPtr>;
 
@@ -86,15 +86,15 @@ public:
     // True when no task waits.
     bool ExitCheck() const REQUIRES(workerMutex);
 
-private:
+  private:
     // Counting semaphore with a timed wait: the worker thread is its only waiter.
     class Semaphore {
-    public:
+      public:
         void Post();
         // 0 when woken by a post, -ETIMEDOUT at `deadline` (steady clock).
         int Wait(std::chrono::steady_clock::time_point deadline);
 
-    private:
+      private:
         sable::Mutex mu;  // guards the flag and the count; a leaf lock
         sable::CondVar cv;
         bool wakeFlag GUARDED_BY(mu) = false;

@@ -32,7 +32,7 @@ class PoolStoppingState;
 // Thread-safe. Lock order (first to last): CallbackPool's find mutex, poolMutex, namedMutex,
 // workersMutex, then a Worker's own locks. No lock is held while waiting for a free worker.
 class WorkerPool {
-public:
+  public:
     // `ordinary` slots for every request and `urgent` more for urgent ones; workers end their
     // thread after `idle` without work.
     WorkerPool(uint32_t ordinary, uint32_t urgent,
@@ -97,7 +97,7 @@ public:
     // from a worker's own task it does not wait for that task.
     void Destroy() EXCLUDES(poolMutex, namedMutex, workersMutex);
 
-private:
+  private:
     friend class WorkerPoolState;
     friend class PoolIdleState;
     friend class PoolWorkingState;

@@ -13,7 +13,7 @@
 //   working  take a slot               give back; none lent -> idle      -> stopping, stop all
 //   stopping -EACCES                   give back; none lent -> ready     -
 class WorkerPoolState {
-public:
+  public:
     virtual ~WorkerPoolState() = default;
     // A free slot below `limit`, or a negative errno.
     virtual int GetSlotEvent(WorkerPool& pool, unsigned int limit) const
@@ -26,7 +26,7 @@ public:
 // Supplies the shared instance and the defaults: no slot (-EACCES), nothing on free and stop.
 template <class T>
 class WorkerPoolStateTemplate : public WorkerPoolState {
-public:
+  public:
     static const T& Instance() {
         static const T instance;
         return instance;
@@ -38,25 +38,21 @@ public:
 };
 
 class PoolIdleState : public WorkerPoolStateTemplate<PoolIdleState> {
-public:
-    int GetSlotEvent(WorkerPool& pool, unsigned int limit) const override
-        REQUIRES(pool.poolMutex);
+  public:
+    int GetSlotEvent(WorkerPool& pool, unsigned int limit) const override REQUIRES(pool.poolMutex);
     void StopEvent(WorkerPool& pool) const override REQUIRES(pool.poolMutex);
 };
 
 class PoolWorkingState : public WorkerPoolStateTemplate<PoolWorkingState> {
-public:
-    int GetSlotEvent(WorkerPool& pool, unsigned int limit) const override
-        REQUIRES(pool.poolMutex);
-    void FreeSlotEvent(WorkerPool& pool, unsigned int slot) const override
-        REQUIRES(pool.poolMutex);
+  public:
+    int GetSlotEvent(WorkerPool& pool, unsigned int limit) const override REQUIRES(pool.poolMutex);
+    void FreeSlotEvent(WorkerPool& pool, unsigned int slot) const override REQUIRES(pool.poolMutex);
     void StopEvent(WorkerPool& pool) const override REQUIRES(pool.poolMutex);
 };
 
 class PoolStoppingState : public WorkerPoolStateTemplate<PoolStoppingState> {
-public:
-    void FreeSlotEvent(WorkerPool& pool, unsigned int slot) const override
-        REQUIRES(pool.poolMutex);
+  public:
+    void FreeSlotEvent(WorkerPool& pool, unsigned int slot) const override REQUIRES(pool.poolMutex);
 };
 
 #endif

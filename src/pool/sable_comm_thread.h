@@ -18,7 +18,7 @@
 // join before they create again or destroy the object (creating over a joinable thread
 // terminates the process).
 class SableCommThread {
-public:
+  public:
     static constexpr int REALTIME_PRIORITY = 50;
 
     // `startType` is what GetRTType() reports until the thread exists.
@@ -64,7 +64,7 @@ public:
     int SetRTType(const SabloPriority& prio);
     SabloPriority GetRTType() const { return rtType; }
 
-private:
+  private:
     static SabloPriority ClassOf(pthread_t handle);
 
     SabloPriority rtType;

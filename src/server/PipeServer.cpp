@@ -31,7 +31,9 @@ std::shared_ptr<PipeServer> PipeServer::GetInstance() {
     return protector.Get();
 }
 
-PipeServer::~PipeServer() { Close(); }
+PipeServer::~PipeServer() {
+    Close();
+}
 
 int PipeServer::GetFifoName(std::string& out) const {
     std::string prefix = EnvManager::FifoPrefix();
@@ -139,8 +141,8 @@ int PipeServer::PreparaFifoFile() {
         if (probe >= 0) {
             if (flock(probe, LOCK_EX | LOCK_NB) != 0) {
                 int savedErrno = errno;
-                LOGE("Server %s flock failed: monitorfd=%d, err=%d, errno=%d.\n",
-                     fifoName.c_str(), probe, -1, savedErrno);
+                LOGE("Server %s flock failed: monitorfd=%d, err=%d, errno=%d.\n", fifoName.c_str(),
+                     probe, -1, savedErrno);
                 close(probe);
                 return -savedErrno;
             }
@@ -197,8 +199,8 @@ int PipeServer::PrepareEpoll() {
     }
     if (flock(readFd, LOCK_EX | LOCK_NB) != 0) {
         int savedErrno = errno;
-        LOGE("Server %s flock failed: monitorfd=%d, err=%d, errno=%d.\n", fifoName.c_str(),
-             readFd, -1, savedErrno);
+        LOGE("Server %s flock failed: monitorfd=%d, err=%d, errno=%d.\n", fifoName.c_str(), readFd,
+             -1, savedErrno);
         close(epollFd);
         epollFd = -1;
         return -savedErrno;
@@ -285,8 +287,7 @@ void PipeServer::MonitorRoutineLinux() {
         }
         uint32_t nameSize = 0;
         ret = Recv(&nameSize, sizeof(nameSize));
-        if (ret != static_cast<int>(sizeof(nameSize)) || nameSize < 1 ||
-            nameSize > kMaxReadName) {
+        if (ret != static_cast<int>(sizeof(nameSize)) || nameSize < 1 || nameSize > kMaxReadName) {
             LOGE("Read connect packet data size failed, ret=%d, size=%u bytes, errno=%d.\n", ret,
                  nameSize, errno);
             continue;
@@ -299,9 +300,10 @@ void PipeServer::MonitorRoutineLinux() {
         }
         ret = Recv(name.get(), nameSize);
         if (ret != static_cast<int>(nameSize)) {
-            LOGE("Read connect packet data failed, ret=%d, clientName=%s,required size=%u "
-                 "bytes, errno=%d.\n",
-                 ret, name.get(), nameSize, errno);
+            LOGE(
+                "Read connect packet data failed, ret=%d, clientName=%s,required size=%u "
+                "bytes, errno=%d.\n",
+                ret, name.get(), nameSize, errno);
             continue;
         }
         name[nameSize] = '\0';
@@ -326,10 +328,11 @@ void PipeServer::CallSabloOpenAsync(const std::unique_ptr<char[]>& clientName, u
     if (attr.callback != nullptr) {
         pipeAttr.callback = attr.callback;
     }
-    LOGI("SabloServerOpen start selfName=%s, targetName=%s, mode=%d, timeout=%d ms, "
-         "targetPid=%d, gid=%u, priority=%d, isConcur=%d\n",
-         serverName.c_str(), clientName.get(), pipeAttr.mode, pipeAttr.timeout, pid, gid,
-         pipeAttr.priority, static_cast<int>(pipeAttr.isConcur));
+    LOGI(
+        "SabloServerOpen start selfName=%s, targetName=%s, mode=%d, timeout=%d ms, "
+        "targetPid=%d, gid=%u, priority=%d, isConcur=%d\n",
+        serverName.c_str(), clientName.get(), pipeAttr.mode, pipeAttr.timeout, pid, gid,
+        pipeAttr.priority, static_cast<int>(pipeAttr.isConcur));
     int ret = SabloPipeTypeOpen(&pipeAttr, SABLO_SERVER_PIPE);
     if (ret >= 1) {
         if (connectCallback) {

@@ -16,7 +16,7 @@
 // One thread ("sable_comm_server") reads connect packets from the FIFO named after the server
 // and opens a pipe back to each client, then tells the connect callback.
 class PipeServer : public MagicReceiver {
-public:
+  public:
     // Open time-out of a pipe back to a client (outside the long run mode).
     static constexpr int CLIENT_OPEN_TIMEOUT_MS = 5000;
 
@@ -54,7 +54,7 @@ public:
     std::string GetFifoNameForDFX() const;
     bool IsRunning() const { return running.load(); }
 
-private:
+  private:
     int GetFifoName(std::string& out) const;
     bool OnServerThread() const;
     // Ends the server thread (joined with serverMutex released, unless it is the calling

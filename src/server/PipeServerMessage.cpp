@@ -13,7 +13,9 @@ namespace {
 constexpr int kNameMax = 255;
 constexpr int kPipeBuf = 4096;
 
-void PutU32(char* at, uint32_t value) { memcpy(at, &value, sizeof(value)); }
+void PutU32(char* at, uint32_t value) {
+    memcpy(at, &value, sizeof(value));
+}
 }  // namespace
 
 PipeServerMessage::PipeServerMessage(PipeServerMsgType msgType, const std::string& clientName)
@@ -40,8 +42,8 @@ int PipeServerMessage::Init() {
     PutU32(buffer.get() + 12, pid);
     if (!name.empty()) {
         PutU32(buffer.get() + headerSize, nameSize);
-        int ret = memcpy_s(buffer.get() + headerSize + 4, size - headerSize - 4, name.data(),
-                           nameSize);
+        int ret =
+            memcpy_s(buffer.get() + headerSize + 4, size - headerSize - 4, name.data(), nameSize);
         if (ret != 0) {
             LOGE("Memcpy_s payload %s fail, ret=%d.\n", name.c_str(), ret);
             return -ret;

@@ -15,7 +15,7 @@ enum PipeServerMsgType : uint32_t {
 // Layout (host byte order, no padding): magic, type, gid, pid, then, only with a name,
 // nameSize and the name without its NUL.
 class PipeServerMessage {
-public:
+  public:
     static constexpr size_t HEADER_SIZE = 16;
     static constexpr uint32_t MAX_WRITE_NAME = 254;  // the reader accepts 1 to 110 bytes
 
@@ -27,7 +27,7 @@ public:
     const char* Data() const { return buffer.get(); }
     size_t Size() const { return size; }
 
-private:
+  private:
     PipeServerMsgType type;
     size_t size;
     std::string name;

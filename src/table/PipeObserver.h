@@ -11,7 +11,7 @@
 class SablePipeImpl;
 
 class PipeObserver {
-public:
+  public:
     // A request task for the pipe's own worker `workerKey`: tasks of one key run in order.
     // 0 or a negative errno (nothing queued).
     virtual int OnRequestIn(std::string workerKey, const std::function<void()>& task,

@@ -234,7 +234,9 @@ int SableTable::Size() const {
     return static_cast<int>(pipeFdTable.size());
 }
 
-int SableTable::NumWorkers() const { return static_cast<int>(callbackPool->NumWorkers()); }
+int SableTable::NumWorkers() const {
+    return static_cast<int>(callbackPool->NumWorkers());
+}
 
 int SableTable::NumUrgentWorkers() const {
     return static_cast<int>(callbackPool->NumUrgentWorkers());
@@ -245,8 +247,7 @@ int SableTable::OnRequestIn(std::string workerKey, const std::function<void()>& 
     return callbackPool->DropTo(workerKey, task, priority);
 }
 
-int SableTable::OnAsyncRequestIn(const std::function<void()>& task,
-                                 SabloPriority priority) const {
+int SableTable::OnAsyncRequestIn(const std::function<void()>& task, SabloPriority priority) const {
     return callbackPool->DropAsyncTask(task, priority);
 }
 

@@ -20,7 +20,7 @@ class SablePipeImpl;
 //
 // Lock order: closeLock, then tableLock, then monitorLock. A pipe's open runs with none held.
 class SableTable : public PipeObserver {
-public:
+  public:
     static constexpr int MAX_PIPES = 1024;
     using iterator = std::map<int, std::shared_ptr<SablePipeImpl>>::iterator;
 
@@ -60,7 +60,7 @@ public:
     void OnPipeRemoteClosed(int fd) override;
     int OnFreeSelfWorker(std::string workerKey) override;
 
-private:
+  private:
     // Guards the two maps; a pipe is in one exactly when it is in the other.
     mutable sable::SharedMutex tableLock ACQUIRED_AFTER(closeLock);
     std::map<int, std::shared_ptr<SablePipeImpl>> pipeFdTable GUARDED_BY(tableLock);

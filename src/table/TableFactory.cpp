@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kExitWait{2000};
 // and so releases calls waiting for a peer, and waits for them to return. The table, and after
 // it the pools, are then destroyed on the exiting thread.
 class TableHolder {
-public:
+  public:
     explicit TableHolder(std::shared_ptr<SableTable> held) : table(std::move(held)) {}
     ~TableHolder() {
         if (!WaitUntilSoleOwner(kExitGrace)) {
@@ -39,7 +39,7 @@ public:
 
     const std::shared_ptr<SableTable>& Get() const { return table; }
 
-private:
+  private:
     // No new reference can appear: the protector, destroyed first, hands out nothing any more.
     bool WaitUntilSoleOwner(std::chrono::milliseconds limit) const {
         const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -7,7 +7,7 @@
 class SableTable;
 
 class TableFactory {
-public:
+  public:
     // Builds worker pool -> callback pool -> table once (thread-safe). Empty once the process
     // has begun destroying them at exit.
     //
