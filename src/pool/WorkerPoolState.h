@@ -27,9 +27,11 @@ class WorkerPoolState {
 template <class T>
 class WorkerPoolStateTemplate : public WorkerPoolState {
   public:
+    // Never destroyed: pools owned by other statics still change state while the process
+    // exits, after a function-local instance would already be gone.
     static const T& Instance() {
-        static const T instance;
-        return instance;
+        static const T* instance = new T;
+        return *instance;
     }
 
     int GetSlotEvent(WorkerPool&, unsigned int) const override { return -EACCES; }
