@@ -66,13 +66,6 @@ TEST_F(OpenFifoTest, OnlyARealFifoPassesTheFileChecks) {
 
 namespace {
 
-int CancelState() {
-    int state = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    pthread_setcancelstate(state, nullptr);
-    return state;
-}
-
 struct BlockedOpen {
     std::string path;
     std::atomic<bool> cancelSent{false};
@@ -94,11 +87,11 @@ void* OpenWithCancellationDisabled(void* arg) {
 
 TEST_F(OpenFifoTest, BlockingOpenIsCancellableThoughTheCallerDisabledCancellation) {
     int original = 0;
+    int after = 0;
     ASSERT_EQ(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &original), 0);
-    sable::UniqueFd reader(OpenFifo(fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    EXPECT_EQ(CancelState(), PTHREAD_CANCEL_DISABLE);  // given back as it was
-    pthread_setcancelstate(original, nullptr);
-    reader.Reset();
+    EXPECT_GE(sable::UniqueFd(OpenFifo(fifo, O_RDONLY | O_NONBLOCK | O_CLOEXEC)).Get(), 0);
+    pthread_setcancelstate(original, &after);
+    EXPECT_EQ(after, PTHREAD_CANCEL_DISABLE);  // the caller's state, given back
 
     BlockedOpen job;
     job.path = fifo;
