@@ -1,17 +1,24 @@
-// Helpers of the thread and pool tests: gates that hold a task, scheduling probes, a look at
-// the process's threads, and a privilege-dropping child.
+// Helpers of the thread and pool tests: a gate that holds a task, a call watched from another
+// thread, scheduling probes, a count of worker threads, and a privilege-dropping child.
 #ifndef SABLE_TESTS_POOL_TEST_UTIL_H
 #define SABLE_TESTS_POOL_TEST_UTIL_H
 
 #include <dirent.h>
+#include <grp.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -27,7 +34,7 @@ constexpr int WAIT_MS = 10000;
 // How long a call that must block is watched before it is released.
 constexpr auto BLOCK_WATCH = std::chrono::milliseconds(100);
 
-// Holds tasks until opened; Wait gives up (false) after WAIT_MS.
+// Holds tasks until opened; Wait gives up after WAIT_MS.
 class Gate {
 public:
     void Open() {
@@ -35,9 +42,9 @@ public:
         open = true;
         cv.notify_all();
     }
-    bool Wait() {
+    void Wait() {
         std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, std::chrono::milliseconds(WAIT_MS), [this] { return open; });
+        cv.wait_for(lock, std::chrono::milliseconds(WAIT_MS), [this] { return open; });
     }
 
 private:
@@ -46,22 +53,64 @@ private:
     bool open = false;
 };
 
-struct Sched {
-    int policy = -1;
-    int priority = -1;
+// Runs `fn` on another thread; Done() tells whether it has returned.
+class Background {
+public:
+    explicit Background(std::function<void()> fn)
+        : thread([this, fn = std::move(fn)] {
+              fn();
+              done = true;
+          }) {}
+    ~Background() { thread.join(); }
+    bool Done() const { return done; }
+    bool WaitDone() { return sable_test::WaitUntil([this] { return done.load(); }, WAIT_MS); }
+
+private:
+    std::atomic<bool> done{false};
+    std::thread thread;
 };
 
-inline Sched SchedOf(pthread_t thread) {
-    Sched s;
+inline int Post(Worker& worker, std::function<void()> fn) {
+    Worker::TaskPtr task = std::make_shared<SyncTask>(std::move(fn));
+    return worker.Assign(task);
+}
+
+// Starts a task on `worker` that holds it until `gate` opens, then runs `after`; true once the
+// task runs.
+inline bool Occupy(Worker& worker, Gate& gate, std::function<void()> after = [] {}) {
+    return Post(worker, [&gate, after] {
+               gate.Wait();
+               after();
+           }) == 0 &&
+           sable_test::WaitUntil([&] { return worker.IsWorking(); }, WAIT_MS);
+}
+
+// What a probe task saw of the thread it ran on; policy -1 when it did not run.
+struct Seen {
+    int policy = -1;
+    int priority = -1;
+    std::string name;
+};
+
+inline Seen SeenOf(pthread_t thread) {
+    Seen s;
     struct sched_param param = {};
-    if (pthread_getschedparam(thread, &s.policy, &param) == 0) {
-        s.priority = param.sched_priority;
-    }
+    if (pthread_getschedparam(thread, &s.policy, &param) == 0) s.priority = param.sched_priority;
+    char name[17] = {};
+    pthread_getname_np(thread, name, sizeof(name));
+    s.name = name;
     return s;
 }
 
-inline Sched SchedOfSelf() {
-    return SchedOf(pthread_self());
+// Hands a probe to `drop` (0 when it took it) and waits for it to run.
+inline Seen SeenBy(const std::function<int(std::function<void()>)>& drop) {
+    auto seen = std::make_shared<std::promise<Seen>>();
+    std::future<Seen> result = seen->get_future();
+    if (drop([seen] { seen->set_value(SeenOf(pthread_self())); }) != 0 ||
+        result.wait_for(std::chrono::milliseconds(WAIT_MS)) != std::future_status::ready) {
+        return {};
+    }
+    return result.get();
 }
 
 inline int SetSelf(int policy, int priority) {
@@ -73,15 +122,8 @@ inline int SetSelf(int policy, int priority) {
 // Whether this process may run a thread SCHED_FIFO 50 (tried on a scratch thread).
 inline bool CanUseFifo() {
     bool ok = false;
-    std::thread probe([&ok] { ok = SetSelf(SCHED_FIFO, 50) == 0; });
-    probe.join();
+    std::thread([&ok] { ok = SetSelf(SCHED_FIFO, 50) == 0; }).join();
     return ok;
-}
-
-inline std::string ThreadName() {
-    char name[17] = {};
-    prctl(PR_GET_NAME, name);
-    return name;
 }
 
 // The name every worker thread gives itself (the kernel keeps 15 characters).
@@ -92,40 +134,61 @@ inline std::string WorkerThreadName() {
 // Threads of this process named like workers.
 inline int CountWorkerThreads() {
     int count = 0;
-    std::string expected = WorkerThreadName();
     DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (struct dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.') {
-            continue;
-        }
+    while (struct dirent* entry = dir ? readdir(dir) : nullptr) {
         std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
         std::string name;
         std::getline(comm, name);
-        if (name == expected) {
-            ++count;
-        }
+        count += name == WorkerThreadName();
     }
-    closedir(dir);
+    if (dir != nullptr) closedir(dir);
     return count;
 }
 
 // Whether the worker threads are gone. A joined thread can still be listed for a moment after
-// pthread_join returns, so this waits (at most WAIT_MS) for the listing to catch up.
+// pthread_join returns, so this waits for the listing to catch up.
 inline bool NoWorkerThreadLeft() {
     return sable_test::WaitUntil([] { return CountWorkerThreads() == 0; }, WAIT_MS);
 }
 
 // Runs `body` in a forked child (the caller must have no other thread running) and returns
-// what it wrote to its report function: "" when it wrote nothing. The child ends with _exit.
-// Waits at most WAIT_MS for the child.
-std::string RunInChild(const std::function<void(const std::function<void(const std::string&)>&)>& body);
+// what it returned, or why it gave nothing. Waits at most WAIT_MS for the child.
+inline std::string RunInChild(const std::function<std::string()>& body) {
+    int fds[2];
+    if (pipe(fds) != 0) return "pipe failed";
+    pid_t pid = fork();
+    if (pid == 0) {
+        std::string report = body();
+        ssize_t ignored = write(fds[1], report.data(), report.size());
+        (void)ignored;
+        _exit(0);
+    }
+    close(fds[1]);
+    int status = 0;
+    if (pid < 0 || !sable_test::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; },
+                                          WAIT_MS)) {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+        }
+        close(fds[0]);
+        return "child failed or timed out";
+    }
+    char buf[1024];
+    ssize_t n = read(fds[0], buf, sizeof(buf));
+    close(fds[0]);
+    return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
+}
 
-// In a child: drops every privilege that allows real-time scheduling (RLIMIT_RTPRIO 0 and,
-// for root, the switch to an unprivileged user). false when that failed.
-bool DropRealtimeRights();
+// In a child: drops every right to real-time scheduling (RLIMIT_RTPRIO 0 and, for root, the
+// switch to an unprivileged user, which clears CAP_SYS_NICE). false when that failed.
+inline bool DropRealtimeRights() {
+    struct rlimit none = {0, 0};
+    const uid_t nobody = 65534;
+    return setrlimit(RLIMIT_RTPRIO, &none) == 0 &&
+           (geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(nobody) == 0 &&
+                               setuid(nobody) == 0));
+}
 
 }  // namespace pool_test
 
