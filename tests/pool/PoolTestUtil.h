@@ -1,5 +1,5 @@
-// Helpers of the thread and pool tests: a gate that holds a task, a call watched from another
-// thread, scheduling probes, a count of worker threads, and a privilege-dropping child.
+// Helpers of the thread and pool tests: a gate that holds a task, watches on a blocking call,
+// scheduling probes, a count of worker threads, and a privilege-dropping child.
 #ifndef SABLE_TESTS_POOL_TEST_UTIL_H
 #define SABLE_TESTS_POOL_TEST_UTIL_H
 
@@ -8,7 +8,6 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,22 +52,16 @@ private:
     bool open = false;
 };
 
-// Runs `fn` on another thread; Done() tells whether it has returned.
-class Background {
-public:
-    explicit Background(std::function<void()> fn)
-        : thread([this, fn = std::move(fn)] {
-              fn();
-              done = true;
-          }) {}
-    ~Background() { thread.join(); }
-    bool Done() const { return done; }
-    bool WaitDone() { return sable_test::WaitUntil([this] { return done.load(); }, WAIT_MS); }
-
-private:
-    std::atomic<bool> done{false};
-    std::thread thread;
-};
+// Whether a call started with std::async is still blocked after BLOCK_WATCH, or ended within
+// WAIT_MS.
+template <class T>
+bool StillBlocked(const std::future<T>& call) {
+    return call.wait_for(BLOCK_WATCH) == std::future_status::timeout;
+}
+template <class T>
+bool Ends(const std::future<T>& call) {
+    return call.wait_for(std::chrono::milliseconds(WAIT_MS)) == std::future_status::ready;
+}
 
 inline int Post(Worker& worker, std::function<void()> fn) {
     Worker::TaskPtr task = std::make_shared<SyncTask>(std::move(fn));
@@ -78,10 +71,11 @@ inline int Post(Worker& worker, std::function<void()> fn) {
 // Starts a task on `worker` that holds it until `gate` opens, then runs `after`; true once the
 // task runs.
 inline bool Occupy(Worker& worker, Gate& gate, std::function<void()> after = [] {}) {
-    return Post(worker, [&gate, after] {
-               gate.Wait();
-               after();
-           }) == 0 &&
+    auto held = [&gate, after] {
+        gate.Wait();
+        after();
+    };
+    return Post(worker, held) == 0 &&
            sable_test::WaitUntil([&] { return worker.IsWorking(); }, WAIT_MS);
 }
 
@@ -151,33 +145,18 @@ inline bool NoWorkerThreadLeft() {
     return sable_test::WaitUntil([] { return CountWorkerThreads() == 0; }, WAIT_MS);
 }
 
-// Runs `body` in a forked child (the caller must have no other thread running) and returns
-// what it returned, or why it gave nothing. Waits at most WAIT_MS for the child.
-inline std::string RunInChild(const std::function<std::string()>& body) {
-    int fds[2];
-    if (pipe(fds) != 0) return "pipe failed";
+// Runs `body` in a forked child (the caller must have no other thread running) and returns its
+// result, the child's exit status; -1 when it did not end normally within WAIT_MS.
+inline int RunInChild(const std::function<int()>& body) {
     pid_t pid = fork();
-    if (pid == 0) {
-        std::string report = body();
-        ssize_t ignored = write(fds[1], report.data(), report.size());
-        (void)ignored;
-        _exit(0);
-    }
-    close(fds[1]);
+    if (pid == 0) _exit(body());
     int status = 0;
-    if (pid < 0 || !sable_test::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; },
-                                          WAIT_MS)) {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-        }
-        close(fds[0]);
-        return "child failed or timed out";
+    if (pid > 0 &&
+        !sable_test::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, WAIT_MS)) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
     }
-    char buf[1024];
-    ssize_t n = read(fds[0], buf, sizeof(buf));
-    close(fds[0]);
-    return std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // In a child: drops every right to real-time scheduling (RLIMIT_RTPRIO 0 and, for root, the
@@ -186,8 +165,8 @@ inline bool DropRealtimeRights() {
     struct rlimit none = {0, 0};
     const uid_t nobody = 65534;
     return setrlimit(RLIMIT_RTPRIO, &none) == 0 &&
-           (geteuid() != 0 || (setgroups(0, nullptr) == 0 && setgid(nobody) == 0 &&
-                               setuid(nobody) == 0));
+           (geteuid() != 0 ||
+            (setgroups(0, nullptr) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0));
 }
 
 }  // namespace pool_test

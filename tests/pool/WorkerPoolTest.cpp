@@ -5,11 +5,9 @@
 
 #include "PoolTestUtil.h"
 
-using pool_test::Background;
-using pool_test::BLOCK_WATCH;
-using pool_test::Gate;
-using pool_test::WAIT_MS;
-using sable_test::WaitUntil;
+using pool_test::Ends;
+using pool_test::StillBlocked;
+using std::launch;
 
 TEST(WorkerPool, ThirdOrdinaryGrantBlocksUntilASlotIsFreedWhileAnUrgentGrantSucceeds) {
     WorkerPool pool(2, 1);
@@ -20,19 +18,15 @@ TEST(WorkerPool, ThirdOrdinaryGrantBlocksUntilASlotIsFreedWhileAnUrgentGrantSucc
     EXPECT_EQ(first->Name(), "0");
     EXPECT_EQ(second->Name(), "1");
 
-    std::atomic<Worker*> third{nullptr};
-    {
-        Background waiter([&] { third = pool.GetWorker(); });
-        std::this_thread::sleep_for(BLOCK_WATCH);
-        EXPECT_FALSE(waiter.Done()) << "the third ordinary grant must wait";
-        Worker* urgent = pool.GetUrgentWorker();
-        ASSERT_NE(urgent, nullptr);
-        EXPECT_EQ(urgent->Name(), "2");
-        EXPECT_FALSE(waiter.Done()) << "an urgent slot is not for ordinary callers";
-        pool.FreeWorker(*first);
-        ASSERT_TRUE(waiter.WaitDone());
-    }
-    EXPECT_EQ(third.load(), first);
+    auto third = std::async(launch::async, [&] { return pool.GetWorker(); });
+    EXPECT_TRUE(StillBlocked(third)) << "the third ordinary grant must wait";
+    Worker* urgent = pool.GetUrgentWorker();
+    ASSERT_NE(urgent, nullptr);
+    EXPECT_EQ(urgent->Name(), "2");
+    EXPECT_TRUE(StillBlocked(third)) << "an urgent slot is not for ordinary callers";
+    pool.FreeWorker(*first);
+    ASSERT_TRUE(Ends(third));
+    EXPECT_EQ(third.get(), first);
     pool.Destroy();
 }
 
@@ -41,17 +35,15 @@ TEST(WorkerPool, DestroyWithNoRunningTaskReturnsAtOnceAndLaterGrantsFail) {
     ASSERT_NE(pool.GetWorker(), nullptr);
     ASSERT_EQ(pool.AllocWorker("named"), 0);
     ASSERT_NE(pool.GetUrgentWorker(), nullptr);
-    ASSERT_TRUE(WaitUntil([] { return pool_test::CountWorkerThreads() == 3; }, WAIT_MS));
-    std::atomic<Worker*> blocked{reinterpret_cast<Worker*>(1)};
-    Background waiter([&] { blocked = pool.GetWorker(); });
-    std::this_thread::sleep_for(BLOCK_WATCH);
-    ASSERT_FALSE(waiter.Done());
+    ASSERT_TRUE(sable_test::WaitUntil([] { return pool_test::CountWorkerThreads() == 3; },
+                                      pool_test::WAIT_MS));
+    auto blocked = std::async(launch::async, [&] { return pool.GetWorker(); });
+    ASSERT_TRUE(StillBlocked(blocked));
 
     // Every worker is lent (one bound to a name) but none runs a task.
-    auto destroyed = std::async(std::launch::async, [&] { pool.Destroy(); });
-    EXPECT_EQ(destroyed.wait_for(std::chrono::milliseconds(WAIT_MS)), std::future_status::ready);
-    ASSERT_TRUE(waiter.WaitDone()) << "a caller waiting for a slot is woken";
-    EXPECT_EQ(blocked.load(), nullptr);
+    EXPECT_TRUE(Ends(std::async(launch::async, [&] { pool.Destroy(); })));
+    ASSERT_TRUE(Ends(blocked)) << "a caller waiting for a slot is woken";
+    EXPECT_EQ(blocked.get(), nullptr);
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 
     EXPECT_EQ(pool.GetFreeSlot(3), -EACCES);
@@ -62,7 +54,7 @@ TEST(WorkerPool, DestroyWithNoRunningTaskReturnsAtOnceAndLaterGrantsFail) {
 }
 
 TEST(WorkerPool, DestroyWaitsForARunningTaskButDropsTheQueuedOnes) {
-    Gate gate;  // first: destroyed after every thread that may wait on it
+    pool_test::Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(1, 0);
     // A worker bound to a name keeps its slot after its task: Destroy waits for the task only.
     ASSERT_EQ(pool.AllocWorker("pipe"), 0);
@@ -75,19 +67,19 @@ TEST(WorkerPool, DestroyWaitsForARunningTaskButDropsTheQueuedOnes) {
         ASSERT_EQ(pool_test::Post(*worker, [&] { ++ran; }), 0);
     }
 
-    Background destroyer([&] { pool.Destroy(); });
-    ASSERT_TRUE(WaitUntil([&] { return worker->WaitingTasks() == 0; }, WAIT_MS));
-    std::this_thread::sleep_for(BLOCK_WATCH);
-    EXPECT_FALSE(destroyer.Done()) << "Destroy must wait for the running task";
+    auto destroyed = std::async(launch::async, [&] { pool.Destroy(); });
+    EXPECT_TRUE(
+        sable_test::WaitUntil([&] { return worker->WaitingTasks() == 0; }, pool_test::WAIT_MS));
+    EXPECT_TRUE(StillBlocked(destroyed)) << "Destroy must wait for the running task";
     gate.Open();
-    ASSERT_TRUE(destroyer.WaitDone());
+    ASSERT_TRUE(Ends(destroyed));
     EXPECT_TRUE(finished.load());
     EXPECT_EQ(ran, 0);
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 }
 
 TEST(WorkerPool, BusySweepGivesBackOnlyIdleWorkers) {
-    Gate gate;  // first: destroyed after every thread that may wait on it
+    pool_test::Gate gate;  // first: destroyed after every thread that may wait on it
     WorkerPool pool(2, 0);
     Worker* idle = pool.GetWorker();
     Worker* busy = pool.GetWorker();
@@ -99,7 +91,7 @@ TEST(WorkerPool, BusySweepGivesBackOnlyIdleWorkers) {
     EXPECT_EQ(pool.TryGetNamedWorker("probe"), idle) << "the idle worker's slot came back";
     EXPECT_EQ(pool.TryGetNamedWorker("probe2"), nullptr) << "the busy one's did not";
     gate.Open();
-    ASSERT_TRUE(WaitUntil([&] { return !busy->IsWorking(); }, WAIT_MS));
+    ASSERT_TRUE(sable_test::WaitUntil([&] { return !busy->IsWorking(); }, pool_test::WAIT_MS));
     EXPECT_FALSE(pool.HasBusyWorker());
     pool.Destroy();
 }
