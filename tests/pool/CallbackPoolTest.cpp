@@ -98,38 +98,42 @@ TEST(CallbackPool, BorrowedWorkersComeBackAndRefusedDropsKeepNoSlot) {
     EXPECT_EQ(ran, 20);
 }
 
-TEST(CallbackPool, DestroyWaitsOnlyForARunningCallbackThenRefusesDrops) {
+TEST(CallbackPool, DestroyWaitsForRunningCallbacksDropsQueuedOnesAndRefusesLaterDrops) {
     pool_test::Gate gate;  // first: destroyed after every thread that may wait on it
     Pools pools(2, 1);
-    std::atomic<int> ran{0};
-    std::atomic<bool> finished{false};
-    // "9" stays bound, its worker lent but idle: Destroy must not wait for it.
-    ASSERT_EQ(pools.callbacks.DropTo(
-                  "9", [&] { ++ran; }, SABLO_PRIORITY_NORMAL),
-              0);
+    std::atomic<int> started{0};
+    std::atomic<int> finished{0};
+    std::atomic<int> late{0};
     auto held = [&] {
-        ++ran;
+        ++started;
         gate.Wait();
-        finished = true;
+        ++finished;
     };
+    // One callback on a name, more queued behind it; one on a borrowed worker. The name stays
+    // bound after its callback: Destroy must not wait for that.
+    ASSERT_EQ(pools.callbacks.DropTo("9", held, SABLO_PRIORITY_NORMAL), 0);
+    Worker* named = pools.workers->WorkerOf("9");
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(pools.callbacks.DropTo("9", [&] { ++late; }, SABLO_PRIORITY_DEFAULT), 0);
+    }
     ASSERT_EQ(pools.callbacks.DropAsyncTask(held, SABLO_PRIORITY_NORMAL), 0);
-    ASSERT_TRUE(WaitUntil([&] { return ran == 2; }, WAIT_MS));
+    ASSERT_TRUE(WaitUntil([&] { return started == 2; }, WAIT_MS));
+
     auto destroyed = std::async(std::launch::async, [&] { pools.callbacks.Destroy(); });
-    EXPECT_TRUE(pool_test::StillBlocked(destroyed)) << "Destroy must wait for the running callback";
+    EXPECT_TRUE(WaitUntil([&] { return named->WaitingTasks() == 0; }, WAIT_MS));
+    EXPECT_TRUE(pool_test::StillBlocked(destroyed)) << "Destroy must wait for running callbacks";
     gate.Open();
     ASSERT_TRUE(pool_test::Ends(destroyed));
-    EXPECT_TRUE(finished.load());
+    EXPECT_EQ(finished, 2);
 
     LogCapture cap;
-    EXPECT_EQ(pools.callbacks.DropAsyncTask([&] { ++ran; }, SABLO_PRIORITY_NORMAL), -EACCES);
+    EXPECT_EQ(pools.callbacks.DropAsyncTask([&] { ++late; }, SABLO_PRIORITY_NORMAL), -EACCES);
     auto lines = cap.Lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].text.find("Using thread pool after destroy."), std::string::npos);
     EXPECT_EQ(lines[0].level, LOG_WARNING);
-    EXPECT_EQ(pools.callbacks.DropTo(
-                  "new", [&] { ++ran; }, SABLO_PRIORITY_NORMAL),
-              -EACCES);
-    EXPECT_EQ(ran, 2);
+    EXPECT_EQ(pools.callbacks.DropTo("new", [&] { ++late; }, SABLO_PRIORITY_NORMAL), -EACCES);
+    EXPECT_EQ(late, 0);
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 }
 

@@ -6,7 +6,6 @@
 #include <dirent.h>
 #include <grp.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -14,11 +13,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <fstream>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -33,23 +30,12 @@ constexpr int WAIT_MS = 10000;
 // How long a call that must block is watched before it is released.
 constexpr auto BLOCK_WATCH = std::chrono::milliseconds(100);
 
-// Holds tasks until opened; Wait gives up after WAIT_MS.
-class Gate {
-public:
-    void Open() {
-        std::lock_guard<std::mutex> lock(mu);
-        open = true;
-        cv.notify_all();
-    }
-    void Wait() {
-        std::unique_lock<std::mutex> lock(mu);
-        cv.wait_for(lock, std::chrono::milliseconds(WAIT_MS), [this] { return open; });
-    }
-
-private:
-    std::mutex mu;
-    std::condition_variable cv;
-    bool open = false;
+// Holds tasks until opened (once); Wait gives up after WAIT_MS.
+struct Gate {
+    std::promise<void> opened;
+    std::shared_future<void> waitable = opened.get_future().share();
+    void Open() { opened.set_value(); }
+    void Wait() const { waitable.wait_for(std::chrono::milliseconds(WAIT_MS)); }
 };
 
 // Whether a call started with std::async is still blocked after BLOCK_WATCH, or ended within
