@@ -50,9 +50,7 @@ TEST(CallbackPool, TwoThreadsDroppingToANewNameBindOneWorker) {
         auto drop = [&] {
             for (++ready; ready < 2;) {
             }
-            EXPECT_EQ(pools.callbacks.DropTo(
-                          name, [] {}, SABLO_PRIORITY_DEFAULT),
-                      0);
+            EXPECT_EQ(pools.callbacks.DropTo(name, [] {}, SABLO_PRIORITY_DEFAULT), 0);
         };
         std::thread a(drop);
         std::thread b(drop);
@@ -82,17 +80,13 @@ TEST(CallbackPool, BorrowedWorkersComeBackAndRefusedDropsKeepNoSlot) {
     EXPECT_EQ(pools.callbacks.DropAsyncTask([&] { ++ran; }, badPrio), -EINVAL);
     EXPECT_TRUE(cap.Contains("Set worker attribute failed, ret = -22\n"));
     // The failed switch gave the borrowed slot back, so a name can take it.
-    EXPECT_EQ(pools.callbacks.DropTo(
-                  "5", [&] { ++ran; }, badPrio),
-              -EINVAL);
+    EXPECT_EQ(pools.callbacks.DropTo("5", [&] { ++ran; }, badPrio), -EINVAL);
     EXPECT_NE(pools.workers->WorkerOf("5"), nullptr);
 
     // No slot left for another name: refused at once, the callback not kept.
     auto capture = std::make_shared<int>(0);
     std::weak_ptr<int> watch = capture;
-    EXPECT_EQ(pools.callbacks.DropTo(
-                  "b", [capture] {}, SABLO_PRIORITY_DEFAULT),
-              -ENOSPC);
+    EXPECT_EQ(pools.callbacks.DropTo("b", [capture] {}, SABLO_PRIORITY_DEFAULT), -ENOSPC);
     capture.reset();
     EXPECT_TRUE(watch.expired()) << "the refused callback is not held anywhere";
     EXPECT_EQ(ran, 20);

@@ -13,12 +13,8 @@ using pool_test::SeenBy;
 using pool_test::WAIT_MS;
 using sable_test::WaitUntil;
 
-namespace {
-
 // Long enough for a started thread to be seen before it idles out.
 constexpr std::chrono::milliseconds SHORT_IDLE{200};
-
-}  // namespace
 
 TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusyAndStopDropsTheQueue) {
     Gate gate;  // first: destroyed after every thread that may wait on it
