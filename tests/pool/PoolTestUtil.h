@@ -1,18 +1,21 @@
-// Helpers of the thread and pool tests: gates that hold a task, scheduling probes, a look at
-// the process's threads, and a privilege-dropping child.
+// Helpers of the thread and pool tests: a gate that holds a task, watches on a blocking call,
+// scheduling probes, a count of worker threads, and a privilege-dropping child.
 #ifndef SABLE_TESTS_POOL_TEST_UTIL_H
 #define SABLE_TESTS_POOL_TEST_UTIL_H
 
 #include <dirent.h>
+#include <grp.h>
 #include <pthread.h>
-#include <sched.h>
-#include <sys/prctl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <fstream>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -27,41 +30,67 @@ constexpr int WAIT_MS = 10000;
 // How long a call that must block is watched before it is released.
 constexpr auto BLOCK_WATCH = std::chrono::milliseconds(100);
 
-// Holds tasks until opened; Wait gives up (false) after WAIT_MS.
-class Gate {
-public:
-    void Open() {
-        std::lock_guard<std::mutex> lock(mu);
-        open = true;
-        cv.notify_all();
-    }
-    bool Wait() {
-        std::unique_lock<std::mutex> lock(mu);
-        return cv.wait_for(lock, std::chrono::milliseconds(WAIT_MS), [this] { return open; });
-    }
-
-private:
-    std::mutex mu;
-    std::condition_variable cv;
-    bool open = false;
+// Holds tasks until opened (once); Wait gives up after WAIT_MS.
+struct Gate {
+    std::promise<void> opened;
+    std::shared_future<void> waitable = opened.get_future().share();
+    void Open() { opened.set_value(); }
+    void Wait() const { waitable.wait_for(std::chrono::milliseconds(WAIT_MS)); }
 };
 
-struct Sched {
+// Whether a call started with std::async is still blocked after BLOCK_WATCH, or ended within
+// WAIT_MS.
+template <class T>
+bool StillBlocked(const std::future<T>& call) {
+    return call.wait_for(BLOCK_WATCH) == std::future_status::timeout;
+}
+template <class T>
+bool Ends(const std::future<T>& call) {
+    return call.wait_for(std::chrono::milliseconds(WAIT_MS)) == std::future_status::ready;
+}
+
+inline int Post(Worker& worker, std::function<void()> fn) {
+    Worker::TaskPtr task = std::make_shared<SyncTask>(std::move(fn));
+    return worker.Assign(task);
+}
+
+// Starts a task on `worker` that holds it until `gate` opens, then runs `after`; true once the
+// task runs.
+inline bool Occupy(Worker& worker, Gate& gate, std::function<void()> after = [] {}) {
+    auto held = [&gate, after] {
+        gate.Wait();
+        after();
+    };
+    return Post(worker, held) == 0 &&
+           sable_test::WaitUntil([&] { return worker.IsWorking(); }, WAIT_MS);
+}
+
+// What a probe task saw of the thread it ran on; policy -1 when it did not run.
+struct Seen {
     int policy = -1;
     int priority = -1;
+    std::string name;
 };
 
-inline Sched SchedOf(pthread_t thread) {
-    Sched s;
+inline Seen SeenOf(pthread_t thread) {
+    Seen s;
     struct sched_param param = {};
-    if (pthread_getschedparam(thread, &s.policy, &param) == 0) {
-        s.priority = param.sched_priority;
-    }
+    if (pthread_getschedparam(thread, &s.policy, &param) == 0) s.priority = param.sched_priority;
+    char name[17] = {};
+    pthread_getname_np(thread, name, sizeof(name));
+    s.name = name;
     return s;
 }
 
-inline Sched SchedOfSelf() {
-    return SchedOf(pthread_self());
+// Hands a probe to `drop` (0 when it took it) and waits for it to run.
+inline Seen SeenBy(const std::function<int(std::function<void()>)>& drop) {
+    auto seen = std::make_shared<std::promise<Seen>>();
+    std::future<Seen> result = seen->get_future();
+    if (drop([seen] { seen->set_value(SeenOf(pthread_self())); }) != 0 ||
+        result.wait_for(std::chrono::milliseconds(WAIT_MS)) != std::future_status::ready) {
+        return {};
+    }
+    return result.get();
 }
 
 inline int SetSelf(int policy, int priority) {
@@ -73,15 +102,8 @@ inline int SetSelf(int policy, int priority) {
 // Whether this process may run a thread SCHED_FIFO 50 (tried on a scratch thread).
 inline bool CanUseFifo() {
     bool ok = false;
-    std::thread probe([&ok] { ok = SetSelf(SCHED_FIFO, 50) == 0; });
-    probe.join();
+    std::thread([&ok] { ok = SetSelf(SCHED_FIFO, 50) == 0; }).join();
     return ok;
-}
-
-inline std::string ThreadName() {
-    char name[17] = {};
-    prctl(PR_GET_NAME, name);
-    return name;
 }
 
 // The name every worker thread gives itself (the kernel keeps 15 characters).
@@ -92,40 +114,46 @@ inline std::string WorkerThreadName() {
 // Threads of this process named like workers.
 inline int CountWorkerThreads() {
     int count = 0;
-    std::string expected = WorkerThreadName();
     DIR* dir = opendir("/proc/self/task");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (struct dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] == '.') {
-            continue;
-        }
+    while (struct dirent* entry = dir ? readdir(dir) : nullptr) {
         std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
         std::string name;
         std::getline(comm, name);
-        if (name == expected) {
-            ++count;
-        }
+        count += name == WorkerThreadName();
     }
-    closedir(dir);
+    if (dir != nullptr) closedir(dir);
     return count;
 }
 
 // Whether the worker threads are gone. A joined thread can still be listed for a moment after
-// pthread_join returns, so this waits (at most WAIT_MS) for the listing to catch up.
+// pthread_join returns, so this waits for the listing to catch up.
 inline bool NoWorkerThreadLeft() {
     return sable_test::WaitUntil([] { return CountWorkerThreads() == 0; }, WAIT_MS);
 }
 
-// Runs `body` in a forked child (the caller must have no other thread running) and returns
-// what it wrote to its report function: "" when it wrote nothing. The child ends with _exit.
-// Waits at most WAIT_MS for the child.
-std::string RunInChild(const std::function<void(const std::function<void(const std::string&)>&)>& body);
+// Runs `body` in a forked child (the caller must have no other thread running) and returns its
+// result, the child's exit status; -1 when it did not end normally within WAIT_MS.
+inline int RunInChild(const std::function<int()>& body) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body());
+    int status = 0;
+    if (pid > 0 &&
+        !sable_test::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, WAIT_MS)) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
-// In a child: drops every privilege that allows real-time scheduling (RLIMIT_RTPRIO 0 and,
-// for root, the switch to an unprivileged user). false when that failed.
-bool DropRealtimeRights();
+// In a child: drops every right to real-time scheduling (RLIMIT_RTPRIO 0 and, for root, the
+// switch to an unprivileged user, which clears CAP_SYS_NICE). false when that failed.
+inline bool DropRealtimeRights() {
+    struct rlimit none = {0, 0};
+    const uid_t nobody = 65534;
+    return setrlimit(RLIMIT_RTPRIO, &none) == 0 &&
+           (geteuid() != 0 ||
+            (setgroups(0, nullptr) == 0 && setgid(nobody) == 0 && setuid(nobody) == 0));
+}
 
 }  // namespace pool_test
 
