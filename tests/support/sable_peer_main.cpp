@@ -1,11 +1,12 @@
 // The other process of the multi-process tests, driven through the public interface only.
 // MODE is 0 (join), 1 (create) or "client" (SabloCreateClient towards the server TARGET).
 //
-//   sable_peer echo  SELF TARGET MODE   answer every request with its payload; exit 0 when the
-//                                       remote closes (3 after 20 s)
-//   sable_peer mute  SELF TARGET MODE   as echo, but report "request <id> <size>" and never answer
-//   sable_peer call  SELF TARGET MODE COUNT [OPEN_TIMEOUT]   COUNT RPCs of 300 bytes tagged with
-//                                       this pid, then close; exit 0 when all came back intact
+//   sable_peer mute  SELF TARGET MODE   report "request <id> <size>" for every request and never
+//                                       answer; exit 0 when the remote closes (3 after 20 s)
+//   sable_peer call  SELF TARGET MODE COUNT [OPEN_TIMEOUT]   answer requests with their payload;
+//                                       make COUNT RPCs of 64 and 4000 bytes in turn (every
+//                                       other one without a time limit) tagged with this pid,
+//                                       then close; exit 0 when all came back intact
 //   sable_peer leave SELF TARGET MODE   send request 77 of one byte and exit without closing
 //   sable_peer server NAME              report "server <code of SabloCreateServer>" and exit 0
 //   sable_peer exit-in-destructor TARGET   open a pipe, then call entry functions from a static
@@ -33,10 +34,7 @@ namespace {
 std::atomic<bool> remoteClosed{false};
 
 void Echo(int fd, SabloRequest* req) {
-    if (req == nullptr) {
-        remoteClosed = true;
-        return;
-    }
+    if (req == nullptr) return;
     SabloResponse rsp{req->id, req->data, req->size};
     SabloSendResponse(fd, &rsp);
 }
@@ -67,21 +65,27 @@ int Open(const char* self, const char* target, const std::string& mode, SabloCal
 // Payload bytes depend on the call number and on this pid, so that answers meant for another
 // caller are told apart.
 int Rpcs(int fd, int count) {
-    std::vector<uint8_t> payload(300);
+    std::vector<uint8_t> payload(4000);
     for (int i = 0; i < count; ++i) {
-        for (size_t b = 0; b < payload.size(); ++b) {
+        const uint32_t size = i % 2 == 0 ? 64 : 4000;
+        for (uint32_t b = 0; b < size; ++b) {
             payload[b] = static_cast<uint8_t>(i + b + (getpid() >> (8 * (b % 4))));
         }
-        SabloRequest req{0, payload.data(), 300};
+        SabloRequest req{0, payload.data(), size};
         SabloResponse rsp{};
-        int ret = SabloTimedRPCSync(fd, &req, &rsp, 5000);
+        // Every other call waits without a time limit.
+        auto call = [&] {
+            return i % 2 == 0 ? SabloTimedRPCSync(fd, &req, &rsp, 5000)
+                              : SabloRPCSync(fd, &req, &rsp);
+        };
+        int ret = call();
         // A creating end may call before the joining end has opened its reader.
         for (int tries = 0; ret == -ENXIO && tries < 5000; ++tries) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            ret = SabloTimedRPCSync(fd, &req, &rsp, 5000);
+            ret = call();
         }
         if (ret != 0) return 10;
-        bool same = rsp.size == 300 && memcmp(rsp.data, payload.data(), 300) == 0;
+        bool same = rsp.size == size && memcmp(rsp.data, payload.data(), size) == 0;
         DestroyResponse(&rsp);
         if (!same) return 11;
     }
@@ -110,8 +114,8 @@ struct CallsAtExit {
 
 int main(int argc, char** argv) {
     const std::string cmd = argc > 1 ? argv[1] : "";
-    if ((cmd == "echo" || cmd == "mute") && argc == 5) {
-        Open(argv[2], argv[3], argv[4], cmd == "echo" ? Echo : Mute);
+    if (cmd == "mute" && argc == 5) {
+        Open(argv[2], argv[3], argv[4], Mute);
         for (int i = 0; i < 10000 && !remoteClosed; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
