@@ -1,22 +1,31 @@
-// A server in this process and clients in child processes. The server is stopped with
-// PipeServer::Close at the end of each case (not SabloCfgFinishServer, which would disable the
-// process's table for the cases that follow in the same process).
+// A server in this process and clients in child processes. The ServerTest cases stop the
+// server with PipeServer::Close (SabloCfgFinishServer would disable the process's table for the
+// cases that follow in the same process); the ServerLifeTest cases finish it, in fresh processes.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/stat.h>  // mkfifo
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <fstream>
+#include <future>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ChildProcess.h"
+#include "FreshProcess.h"
 #include "LogCapture.h"
-#include "ServerSupport.h"
 #include "TestEnv.h"
 #include "pipe/MagicReceiver.h"
 #include "sable_comm.h"
@@ -27,27 +36,82 @@ namespace {
 using sable_test::ChildProcess;
 using sable_test::FifoFilesWith;
 using sable_test::LogCapture;
+using sable_test::Problems;
 using sable_test::UniqueName;
 using sable_test::WaitUntil;
-using server_test::Log;
+
+// What the server's callbacks saw; they run on the server thread and on library workers. The
+// pipe numbers are kept by "<pipe name> <pid> <gid>" as the connect callback got them.
+std::mutex seenMu;
+std::map<std::string, int> connected;
+std::set<int> closedFds;
+
+void RecordConnect(int fd, SabloClientInfo info) {
+    std::lock_guard<std::mutex> lock(seenMu);
+    connected[std::string(info.name) + " " + std::to_string(info.pid) + " " +
+              std::to_string(info.gid)] = fd;
+}
+
+void EchoRequest(int fd, SabloRequest* req) {
+    if (req == nullptr) {
+        std::lock_guard<std::mutex> lock(seenMu);
+        closedFds.insert(fd);
+        return;
+    }
+    SabloResponse rsp{req->id, req->data, req->size};
+    SabloSendResponse(fd, &rsp);
+}
+
+// The pipe number the server gave the child started as `client`; -1 unless the connect record
+// named the child's pipe, pid and group.
+int FdOf(const std::string& client, const ChildProcess& child) {
+    const std::string pid = std::to_string(child.Pid());
+    std::lock_guard<std::mutex> lock(seenMu);
+    auto it = connected.find(client + "_" + pid + " " + pid + " " + std::to_string(getgid()));
+    return it == connected.end() ? -1 : it->second;
+}
+
+bool Closed(int fd) {
+    std::lock_guard<std::mutex> lock(seenMu);
+    return closedFds.count(fd) > 0;
+}
+
+int StartServer(const std::string& name, void (*onConnect)(int, SabloClientInfo) = RecordConnect) {
+    SabloServerAttr attr{onConnect, EchoRequest, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, name.c_str()};
+    return SabloCreateServer(&attr);
+}
+
+// Threads of this process named as the server thread (the kernel keeps 15 characters).
+int ServerThreads() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    while (dirent* e = readdir(dir)) {
+        std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+        std::string thread;
+        count += std::getline(comm, thread) && thread == "sable_comm_serv";
+    }
+    closedir(dir);
+    return count;
+}
+
+// A client child that connects and makes a few round trips: it exits 0 only when the server
+// opened its pipe and answered.
+void ExpectAClientConnects(const std::string& server) {
+    const std::string client = UniqueName("cli");
+    ChildProcess child("sable_peer", {"call", client, server, "client", "2"});
+    EXPECT_EQ(child.Wait(10000), 0) << "client of " << server;
+    EXPECT_GT(FdOf(client, child), 0);
+}
 
 class ServerTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        fifo = sable_test::EnsureFifoDir() + name;
-        Log().Reset();
-    }
+    void SetUp() override { fifo = sable_test::EnsureFifoDir() + name; }
     void TearDown() override {
         PipeServer::GetInstance()->Close();
         unlink(fifo.c_str());  // the server leaves its FIFO behind by design
         // The server closes the pipes of clients that have gone, removing their files.
         EXPECT_TRUE(WaitUntil([&] { return FifoFilesWith(name).empty(); }, 10000))
             << "FIFO files left behind";
-    }
-
-    int Start() {
-        SabloServerAttr attr = server_test::Attr(name);
-        return SabloCreateServer(&attr);
     }
 
     // Writes raw bytes into the server FIFO, as a misbehaving client would.
@@ -58,29 +122,13 @@ protected:
         close(fd);
     }
 
-    static void Put32(std::vector<uint8_t>& out, uint32_t value) {
-        uint8_t b[4];
-        memcpy(b, &value, 4);
-        out.insert(out.end(), b, b + 4);
-    }
-
-    // Header of a server packet; gid and pid 0 so that no byte of them looks like the magic.
-    static std::vector<uint8_t> Header(uint32_t type) {
-        std::vector<uint8_t> out;
-        Put32(out, MagicReceiver::MAGIC);
-        Put32(out, type);
-        Put32(out, 0);
-        Put32(out, 0);
+    // A server packet header (magic, type, gid 0, pid 0: no byte of them looks like the magic),
+    // followed by `extra` 32-bit fields.
+    static std::vector<uint8_t> Packet(uint32_t type, std::vector<uint32_t> extra = {}) {
+        extra.insert(extra.begin(), {MagicReceiver::MAGIC, type, 0, 0});
+        std::vector<uint8_t> out(extra.size() * 4);
+        memcpy(out.data(), extra.data(), out.size());
         return out;
-    }
-
-    // A client child that connects and makes a few round trips: it exits 0 only when the
-    // server opened its pipe and answered.
-    void ExpectAClientConnects() {
-        const std::string client = UniqueName("after");
-        ChildProcess child("sable_peer", {"client", client, name, "2"});
-        EXPECT_EQ(child.Wait(10000), 0) << "client after the bad bytes";
-        EXPECT_GT(Log().FdOf(client + "_" + std::to_string(child.Pid())), 0);
     }
 
     // Ends in a letter, so that no other name of this process contains it.
@@ -88,178 +136,172 @@ protected:
     std::string fifo;
 };
 
-TEST_F(ServerTest, TheConnectCallbackGetsTheClientsPidGidAndName) {
-    ASSERT_EQ(Start(), 0);
-    const std::string client = UniqueName("cli");
-    ChildProcess child("sable_peer", {"client", client, name, "3"});
-    EXPECT_EQ(child.Wait(10000), 0);
-    std::vector<server_test::Connect> connects = Log().Connects();
-    ASSERT_EQ(connects.size(), 1u);
-    EXPECT_GT(connects[0].fd, 0);
-    EXPECT_EQ(connects[0].pid, child.Pid());
-    EXPECT_EQ(connects[0].gid, getgid());
-    EXPECT_EQ(connects[0].name, client + "_" + std::to_string(child.Pid()));
-}
-
-TEST_F(ServerTest, ClientsOfOneNameInDifferentProcessesGetDistinctPipesAndTheirOwnAnswers) {
-    ASSERT_EQ(Start(), 0);
+TEST_F(ServerTest, ClientsOfOneNameGetTheirOwnPipesAndAnswersAndTheirLeavingIsANullRequest) {
+    ASSERT_EQ(StartServer(name), 0);
     const std::string client = UniqueName("same");
     std::vector<std::unique_ptr<ChildProcess>> children;
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 4; ++i) {
+        // Three close after their calls, the last exits without closing.
         children.push_back(std::make_unique<ChildProcess>(
-            "sable_peer", std::vector<std::string>{"client", client, name, "20"}));
+            "sable_peer", i < 3 ? std::vector<std::string>{"call", client, name, "client", "20"}
+                                : std::vector<std::string>{"leave", client, name, "client"}));
     }
-    std::set<std::string> expectedNames;
-    for (auto& child : children) {
-        // Each checks that every answer carries its own payload (tagged with its pid).
-        EXPECT_EQ(child->Wait(20000), 0);
-        expectedNames.insert(client + "_" + std::to_string(child->Pid()));
-    }
-    std::set<int> fds;
-    std::set<std::string> names;
-    for (const auto& c : Log().Connects()) {
-        fds.insert(c.fd);
-        names.insert(c.name);
-    }
-    EXPECT_EQ(fds.size(), 3u);
-    EXPECT_EQ(names, expectedNames);
-}
-
-TEST_F(ServerTest, ClientsThatLeaveAreSeenAsANullRequestAndTheirPipesAndFilesGo) {
-    ASSERT_EQ(Start(), 0);
-    const std::string closing = UniqueName("closes");
-    const std::string leaving = UniqueName("leaves");
-    ChildProcess closer("sable_peer", {"client", closing, name, "1"});
-    ChildProcess leaver("sable_peer", {"client-exit", leaving, name});
-    EXPECT_EQ(closer.Wait(10000), 0);
-    EXPECT_EQ(leaver.Wait(10000), 0);
-    const int closerFd = Log().FdOf(closing + "_" + std::to_string(closer.Pid()));
-    const int leaverFd = Log().FdOf(leaving + "_" + std::to_string(leaver.Pid()));
-    ASSERT_GT(closerFd, 0);
-    ASSERT_GT(leaverFd, 0);
-    EXPECT_TRUE(WaitUntil([&] { return Log().Closed(closerFd); }, 10000));
-    EXPECT_TRUE(WaitUntil([&] { return Log().Closed(leaverFd); }, 10000));
-    // The library closes the server's end after the callback: the numbers stop answering.
     uint8_t byte = 1;
     SabloRequest req{0, &byte, 1};
-    EXPECT_TRUE(WaitUntil([&] { return SabloSendRequest(closerFd, &req) == -ENOENT; }, 10000));
-    EXPECT_TRUE(WaitUntil([&] { return SabloSendRequest(leaverFd, &req) == -ENOENT; }, 10000));
-    EXPECT_TRUE(WaitUntil([&] { return FifoFilesWith(closing).empty(); }, 10000));
-    EXPECT_TRUE(WaitUntil([&] { return FifoFilesWith(leaving).empty(); }, 10000));
-}
-
-TEST_F(ServerTest, CreatingTheServerAgainWhileItRunsIsRefusedAndLeavesItServing) {
-    ASSERT_EQ(Start(), 0);
-    EXPECT_EQ(Start(), -EEXIST);
-    const std::string other = UniqueName("other") + "x";
-    SabloServerAttr attr = server_test::Attr(other);
-    EXPECT_EQ(SabloCreateServer(&attr), -EEXIST);
-    struct stat st {};
-    EXPECT_NE(lstat((sable_test::EnsureFifoDir() + other).c_str(), &st), 0);
-    ExpectAClientConnects();
-}
-
-TEST_F(ServerTest, ASecondServerProcessOfTheSameNameFailsAtTheLockAndTheFirstKeepsServing) {
-    ASSERT_EQ(Start(), 0);
-    {
-        ChildProcess second("sable_peer", {"server", name, "10"});
-        EXPECT_EQ(second.ReadLine(), "failed " + std::to_string(-EWOULDBLOCK));
-        second.ExpectExit(30);
+    std::set<int> fds;
+    for (auto& child : children) {
+        // Each caller checks that every answer carries its own payload (tagged with its pid).
+        EXPECT_EQ(child->Wait(20000), 0);
+        const int fd = FdOf(client, *child);
+        fds.insert(fd);
+        EXPECT_TRUE(WaitUntil([&] { return Closed(fd); }, 10000)) << fd;
+        // The library closes the server's end after the callback: the number stops answering.
+        EXPECT_TRUE(WaitUntil([&] { return SabloSendRequest(fd, &req) == -ENOENT; }, 10000));
     }
-    struct stat st {};
-    ASSERT_EQ(lstat(fifo.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISFIFO(st.st_mode));
-    ExpectAClientConnects();
+    EXPECT_EQ(fds.size(), 4u);
+    EXPECT_EQ(fds.count(-1), 0u);
+    EXPECT_TRUE(WaitUntil([&] { return FifoFilesWith(client).empty(); }, 10000));
 }
 
-TEST_F(ServerTest, RandomBytesOnTheServerFifoDoNotStopIt) {
-    ASSERT_EQ(Start(), 0);
+TEST_F(ServerTest, ASecondServerHereOrInAnotherProcessIsRefusedAndTheFirstKeepsServing) {
+    ASSERT_EQ(StartServer(name), 0);
+    const std::string other = UniqueName("other") + "x";
+    EXPECT_EQ(StartServer(name), -EEXIST);
+    EXPECT_EQ(StartServer(other), -EEXIST);
+    EXPECT_EQ(FifoFilesWith(other), std::set<std::string>{});
+    {
+        ChildProcess second("sable_peer", {"server", name});
+        EXPECT_EQ(second.ReadLine(), "server " + std::to_string(-EWOULDBLOCK));
+    }
+    ExpectAClientConnects(name);
+}
+
+TEST_F(ServerTest, GarbageOnTheServerFifoNeverStopsIt) {
+    ASSERT_EQ(StartServer(name), 0);
+    LogCapture cap;
     std::mt19937 random(1234);
     std::vector<uint8_t> bytes(2000);
     for (auto& b : bytes) {
         b = static_cast<uint8_t>(random());
-        // Without the magic's first byte nothing is taken for a packet, and the valid packet
-        // that follows is not eaten by a half-matched magic.
+        // Without the magic's first byte nothing is taken for a packet, and the packets that
+        // follow are not eaten by a half-matched magic.
         if (b == MagicReceiver::MAGIC_ENUM[0]) b = 0;
     }
     WriteToServer(bytes);
-    ExpectAClientConnects();
-}
-
-TEST_F(ServerTest, AnOverlongClientNameIsRejectedAndTheServerGoesOn) {
-    ASSERT_EQ(Start(), 0);
-    LogCapture cap;
-    std::vector<uint8_t> packet = Header(0);
-    Put32(packet, 111);
-    packet.insert(packet.end(), 111, 'a');
-    WriteToServer(packet);
+    std::vector<uint8_t> overlong = Packet(0, {111});
+    overlong.insert(overlong.end(), 111, 'a');
+    WriteToServer(overlong);
     EXPECT_TRUE(cap.WaitFor("Read connect packet data size failed, ret=4, size=111 bytes", 5000));
-    ExpectAClientConnects();
-}
-
-TEST_F(ServerTest, AnEmptyNameConnectPacketTakesTheNextMagicForItsSizeAndTheServerGoesOn) {
-    ASSERT_EQ(Start(), 0);
-    LogCapture cap;
-    std::vector<uint8_t> packets = Header(0);  // 16 bytes: no size field
-    std::vector<uint8_t> next = Header(0);
-    packets.insert(packets.end(), next.begin(), next.end());
-    WriteToServer(packets);
+    // A connect packet without a name takes the next packet's magic for its size.
+    std::vector<uint8_t> empty = Packet(0);
+    std::vector<uint8_t> next = Packet(0);
+    empty.insert(empty.end(), next.begin(), next.end());
+    WriteToServer(empty);
     EXPECT_TRUE(cap.WaitFor("Read connect packet data size failed, ret=4, size=" +
-                                std::to_string(MagicReceiver::MAGIC) + " bytes",
-                            5000));
-    ExpectAClientConnects();
+                                std::to_string(MagicReceiver::MAGIC) + " bytes", 5000));
+    WriteToServer(Packet(7));
+    EXPECT_TRUE(cap.WaitFor("Read type failed, ret=4, type=7", 5000));
+    ExpectAClientConnects(name);
 }
 
-TEST_F(ServerTest, AnUnknownPacketTypeIsRejectedAndTheServerGoesOn) {
-    ASSERT_EQ(Start(), 0);
-    LogCapture cap;
-    WriteToServer(Header(7));
-    EXPECT_TRUE(cap.WaitFor("Read type failed, ret=4, type=7", 5000));
-    ExpectAClientConnects();
+TEST_F(ServerTest, AClientOpenFailsBeforeWritingWithoutAServerOrWithoutAReader) {
+    const std::string self = UniqueName("lonely") + "x";
+    SabloAttr attr;
+    attr.selfName = self.c_str();
+    attr.targetName = name.c_str();
+    attr.timeout = 1000;
+    EXPECT_EQ(SabloCreateClient(&attr), -ENOENT);
+    EXPECT_EQ(FifoFilesWith(name), std::set<std::string>{});
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0660), 0);
+    EXPECT_EQ(SabloCreateClient(&attr), -ENXIO);
+    EXPECT_EQ(FifoFilesWith(self), std::set<std::string>{});
 }
 
 TEST_F(ServerTest, TheExceptionHandlerRemovesThePipeFilesAndTheServerFifo) {
-    ASSERT_EQ(Start(), 0);
+    ASSERT_EQ(StartServer(name), 0);
     const std::string target = UniqueName("tgt") + "x";
     SabloAttr attr;
     attr.selfName = name.c_str();
     attr.targetName = target.c_str();
     attr.mode = SABLO_MODE_CREATE;
-    attr.timeout = 0;
-    attr.priority = SABLO_PRIORITY_DEFAULT;
-    int fd = SabloOpen(&attr);
+    const int fd = SabloOpen(&attr);
     ASSERT_GT(fd, 0);
-    ASSERT_EQ(FifoFilesWith(target).size(), 2u);
+    ASSERT_EQ(FifoFilesWith(name).size(), 3u);  // the server FIFO and the pipe's two files
     LogCapture cap;
     SabloExceptionHandler(15);
     EXPECT_TRUE(cap.Contains("Recv a signal 15."));
-    EXPECT_EQ(FifoFilesWith(target), std::set<std::string>{});
-    struct stat st {};
-    EXPECT_NE(lstat(fifo.c_str(), &st), 0);
+    EXPECT_EQ(FifoFilesWith(name), std::set<std::string>{});
     // Only the files went: the pipe is still there to be closed.
     EXPECT_EQ(SabloClosePipe(fd), 0);
 }
 
-TEST_F(ServerTest, ABadServerNameOrPriorityIsInvalid) {
-    const std::string bad = "srv;rm";
-    SabloServerAttr attr = server_test::Attr(bad);
-    EXPECT_EQ(SabloCreateServer(&attr), -EINVAL);
-    attr = server_test::Attr(name);
-    attr.priority = static_cast<SabloPriority>(3);
-    EXPECT_EQ(SabloCreateServer(&attr), -EINVAL);
-    struct stat st {};
-    EXPECT_NE(lstat(fifo.c_str(), &st), 0);
+// Runs SabloCfgFinishServer on another thread and reports whether it returned in time. The
+// thread is left to itself when it hangs (the fresh process ends with _exit).
+bool FinishWithin(int ms) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    std::thread([done] { SabloCfgFinishServer(); done->set_value(); }).detach();
+    return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
 }
 
-TEST_F(ServerTest, AnOutsideTerminatePacketEndsTheServerThreadAndTheServerCanStartAgain) {
-    ASSERT_EQ(Start(), 0);
-    ASSERT_TRUE(WaitUntil([] { return server_test::ServerThreads() == 1; }, 10000));
-    WriteToServer(Header(1));
-    EXPECT_TRUE(WaitUntil([] { return server_test::ServerThreads() == 0; }, 10000));
-    EXPECT_TRUE(WaitUntil([] { return !PipeServer::GetInstance()->IsRunning(); }, 10000));
-    // The ended thread is joined and its descriptors released before the new start.
-    ASSERT_EQ(Start(), 0);
-    ExpectAClientConnects();
+const std::string lifeName = UniqueName("life") + "x";
+std::atomic<int> phase{0};
+std::atomic<int> createInCallback{1};
+
+// A client of one RPC whose pipe the server closes under it (so its exit status does not
+// matter), or with COUNT 0 one that only connects (the finished table has no workers left).
+std::unique_ptr<ChildProcess> Client(const std::string& self, const char* count,
+                                     const char* openTimeoutMs) {
+    return std::make_unique<ChildProcess>("sable_peer", std::vector<std::string>{
+        "call", self, lifeName, "client", count, openTimeoutMs});
+}
+
+TEST(ServerLifeTest, FinishingStopsTheServerFromAnyThreadAndTheNextStartServesAgain) {
+    SABLE_EXPECT_IN_FRESH_PROCESS([] {
+        Problems p;
+        const std::string fifo = sable_test::EnsureFifoDir() + lifeName;
+        // Another thread finishes the server while a connect callback calls into it.
+        p.Eq(StartServer(lifeName, [](int, SabloClientInfo) {
+            phase = 1;
+            WaitUntil([] { return phase.load() == 2; }, 10000);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            createInCallback = StartServer(lifeName + "x");
+            phase = 3;
+        }), 0, "first start");
+        p.True(WaitUntil([] { return ServerThreads() == 1; }, 10000), "server thread running");
+        auto child = Client(UniqueName("cli"), "1", "300");
+        p.True(WaitUntil([] { return phase.load() == 1; }, 10000), "in the callback");
+        phase = 2;
+        p.True(FinishWithin(10000), "finish returned");
+        p.Eq(phase.load(), 3, "callback finished");
+        p.Eq(createInCallback.load(), -EEXIST, "create from the callback while stopping");
+        p.Eq(ServerThreads(), 0, "server threads after finishing");
+        p.True(!SabloServiceIsExist(), "service after finishing");
+        child->ExpectExit(child->Wait(10000));
+
+        // A connect callback finishes the server it runs on (its thread cannot be joined there).
+        p.Eq(StartServer(lifeName, [](int, SabloClientInfo) {
+            SabloCfgFinishServer();
+            createInCallback = StartServer(lifeName + "x");
+            phase = 4;
+        }), 0, "second start");
+        child = Client(UniqueName("cli"), "1", "300");
+        p.True(WaitUntil([] { return phase.load() == 4; }, 10000), "callback returned");
+        p.Eq(createInCallback.load(), -EBUSY, "restart from the callback");
+        p.True(WaitUntil([] { return ServerThreads() == 0; }, 10000), "server thread ended");
+        child->ExpectExit(child->Wait(10000));
+
+        // The next start joins the thread that stopped itself, and clients connect again.
+        p.Eq(StartServer(lifeName), 0, "third start");
+        const std::string last = UniqueName("last");
+        child = Client(last, "0", "10000");
+        p.Eq(child->Wait(10000), 0, "client exit");
+        p.True(FdOf(last, *child) > 0, "connected");
+        p.True(FinishWithin(10000), "last finish returned");
+        p.Eq(ServerThreads(), 0, "server threads at the end");
+        unlink(fifo.c_str());
+        return p.Text();
+    });
 }
 
 }  // namespace

@@ -1,31 +1,20 @@
 // The other process of the multi-process tests, driven through the public interface only.
+// MODE is 0 (join), 1 (create) or "client" (SabloCreateClient towards the server TARGET).
 //
-//   sable_peer echo   SELF TARGET MODE SECONDS   open, answer every request with its payload,
-//                                                 exit 0 when the remote closes (or after
-//                                                 SECONDS with 3)
-//   sable_peer mute   SELF TARGET MODE SECONDS   open, report "request <id> <size>" for every
-//                                                 request and never answer; exit as echo
-//   sable_peer call   SELF TARGET MODE COUNT SIZE open, make COUNT RPCs of SIZE bytes, exit 0
-//                                                 when all came back intact
-//   sable_peer send-exit SELF TARGET MODE         open, send one request, exit at once
-//   sable_peer server NAME SECONDS [report]       echo server; exits 0 after SECONDS or on
-//                                                 SIGTERM (after SabloCfgFinishServer). With
-//                                                 "report": "client <fd> <pid> <gid> <name>" per
-//                                                 connect, "closed <fd>" per client gone.
-//                                                 "failed <code>" and exit 30 when it cannot
-//                                                 start
-//   sable_peer client SELF SERVER COUNT [TIMEOUT] client of SERVER: COUNT RPCs whose payloads
-//                                                 carry this pid, then closes and exits 0
-//                                                 (40: the open failed, 10/11: an RPC failed)
-//   sable_peer client-exit SELF SERVER            client that exits without closing once open
-//   sable_peer exit-in-destructor TARGET         opens a pipe to TARGET, then calls entry
-//                                                 functions from a static destructor run after
-//                                                 the table's; exits 0 when they all answered
-//                                                 "table is gone", 5 otherwise
-// Every mode reports "ready <fd>" on the handshake descriptor once its pipe is open. Pipes are
-// opened with priority 0 and a 10 s time-out.
+//   sable_peer mute  SELF TARGET MODE   report "request <id> <size>" for every request and never
+//                                       answer; exit 0 when the remote closes (3 after 20 s)
+//   sable_peer call  SELF TARGET MODE COUNT [OPEN_TIMEOUT]   answer requests with their payload;
+//                                       make COUNT RPCs of 64 and 4000 bytes in turn (every
+//                                       other one without a time limit) tagged with this pid,
+//                                       then close; exit 0 when all came back intact
+//   sable_peer leave SELF TARGET MODE   send request 77 of one byte and exit without closing
+//   sable_peer server NAME              report "server <code of SabloCreateServer>" and exit 0
+//   sable_peer exit-in-destructor TARGET   open a pipe, then call entry functions from a static
+//                                       destructor run after the table's; exit 5 unless every
+//                                       one answered "table is gone"
+// Opening modes report "ready <fd>" once open (exit 20 when the open fails); the open time-out is
+// 10 s unless given.
 #include <errno.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -43,19 +32,9 @@
 namespace {
 
 std::atomic<bool> remoteClosed{false};
-std::atomic<int> requests{0};
-std::atomic<bool> report{false};
-volatile sig_atomic_t terminateRequested = 0;
-
-void OnTerminate(int) { terminateRequested = 1; }
 
 void Echo(int fd, SabloRequest* req) {
-    if (req == nullptr) {
-        remoteClosed = true;
-        if (report) sable_test::SignalReady("closed " + std::to_string(fd));
-        return;
-    }
-    requests++;
+    if (req == nullptr) return;
     SabloResponse rsp{req->id, req->data, req->size};
     SabloSendResponse(fd, &rsp);
 }
@@ -65,63 +44,45 @@ void Mute(int, SabloRequest* req) {
         remoteClosed = true;
         return;
     }
-    requests++;
     sable_test::SignalReady("request " + std::to_string(req->id) + " " +
                             std::to_string(req->size));
 }
 
-void Connected(int fd, SabloClientInfo client) {
-    if (!report) return;
-    sable_test::SignalReady("client " + std::to_string(fd) + " " + std::to_string(client.pid) +
-                            " " + std::to_string(client.gid) + " " + client.name);
-}
-
-int Open(const char* self, const char* target, int mode, SabloCallback callback = Echo) {
+int Open(const char* self, const char* target, const std::string& mode, SabloCallback cb,
+         int timeoutMs = 10000) {
     SabloAttr attr;
     attr.targetName = target;
     attr.selfName = self;
-    attr.mode = static_cast<SabloMode>(mode);
-    attr.timeout = 10000;
-    attr.priority = SABLO_PRIORITY_DEFAULT;
-    attr.callback = std::move(callback);
-    return SabloOpen(&attr);
-}
-
-int OpenClient(const char* self, const char* server, int timeoutMs) {
-    SabloAttr attr;
-    attr.targetName = server;
-    attr.selfName = self;
-    attr.mode = SABLO_MODE_JOIN;
+    attr.mode = mode == "1" ? SABLO_MODE_CREATE : SABLO_MODE_JOIN;
     attr.timeout = timeoutMs;
-    attr.priority = SABLO_PRIORITY_DEFAULT;
-    attr.callback = Echo;
-    return SabloCreateClient(&attr);
+    attr.callback = std::move(cb);
+    int fd = mode == "client" ? SabloCreateClient(&attr) : SabloOpen(&attr);
+    if (fd < 0) _exit(20);
+    sable_test::SignalReady("ready " + std::to_string(fd));
+    return fd;
 }
 
-bool WaitFor(const std::atomic<bool>& flag, int seconds) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!flag && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return flag;
-}
-
-// Payload bytes depend on the call number and on `seed`, so that answers meant for another
+// Payload bytes depend on the call number and on this pid, so that answers meant for another
 // caller are told apart.
-int Rpcs(int fd, int count, uint32_t size, uint32_t seed = 0) {
-    std::vector<uint8_t> payload(size);
+int Rpcs(int fd, int count) {
+    std::vector<uint8_t> payload(4000);
     for (int i = 0; i < count; ++i) {
+        const uint32_t size = i % 2 == 0 ? 64 : 4000;
         for (uint32_t b = 0; b < size; ++b) {
-            payload[b] = static_cast<uint8_t>(i + b + (seed >> (8 * (b % 4))));
+            payload[b] = static_cast<uint8_t>(i + b + (getpid() >> (8 * (b % 4))));
         }
         SabloRequest req{0, payload.data(), size};
         SabloResponse rsp{};
-        int ret = SabloTimedRPCSync(fd, &req, &rsp, 5000);
+        // Every other call waits without a time limit.
+        auto call = [&] {
+            return i % 2 == 0 ? SabloTimedRPCSync(fd, &req, &rsp, 5000)
+                              : SabloRPCSync(fd, &req, &rsp);
+        };
+        int ret = call();
         // A creating end may call before the joining end has opened its reader.
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (ret == -ENXIO && std::chrono::steady_clock::now() < deadline) {
+        for (int tries = 0; ret == -ENXIO && tries < 5000; ++tries) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            ret = SabloTimedRPCSync(fd, &req, &rsp, 5000);
+            ret = call();
         }
         if (ret != 0) return 10;
         bool same = rsp.size == size && memcmp(rsp.data, payload.data(), size) == 0;
@@ -134,22 +95,15 @@ int Rpcs(int fd, int count, uint32_t size, uint32_t seed = 0) {
 struct CallsAtExit {
     std::string target;
     ~CallsAtExit() {
-        // Runs after the table's statics are gone: every entry must answer, not crash.
         uint8_t byte = 1;
         SabloRequest req{0, &byte, 1};
-        SabloResponse rsp{};
+        SabloResponse rsp{}, full{0, &byte, 1};
         SabloAttr attr;
         attr.targetName = target.c_str();
         attr.mode = SABLO_MODE_CREATE;
-        attr.priority = SABLO_PRIORITY_DEFAULT;
-        bool ok = SabloSendRequest(1, &req) == -ENOENT;
-        ok = ok && SabloSendResponse(1, &rsp) == -EINVAL;  // checked before the table
-        SabloResponse empty{0, &byte, 1};
-        ok = ok && SabloSendResponse(1, &empty) == -ENOENT;
-        ok = ok && SabloTimedRPCSync(1, &req, &rsp, 10) == -ENOENT;
-        ok = ok && SabloOpen(&attr) == -ENOENT;
-        ok = ok && SabloClosePipe(1) == -ENOENT;
-        ok = ok && !SabloServiceIsExist();
+        bool ok = SabloSendRequest(1, &req) == -ENOENT && SabloSendResponse(1, &full) == -ENOENT &&
+                  SabloTimedRPCSync(1, &req, &rsp, 10) == -ENOENT && SabloOpen(&attr) == -ENOENT &&
+                  SabloClosePipe(1) == -ENOENT && !SabloServiceIsExist();
         SabloExceptionHandler(0);
         SabloCfgFinishServer();
         if (!ok) _exit(5);
@@ -159,66 +113,30 @@ struct CallsAtExit {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return 2;
-    std::string cmd = argv[1];
-    if ((cmd == "echo" || cmd == "mute") && argc == 6) {
-        int fd = Open(argv[2], argv[3], atoi(argv[4]), cmd == "echo" ? Echo : Mute);
-        if (fd < 0) return 20;
-        sable_test::SignalReady("ready " + std::to_string(fd));
-        return WaitFor(remoteClosed, atoi(argv[5])) ? 0 : 3;
-    }
-    if (cmd == "call" && argc == 7) {
-        int fd = Open(argv[2], argv[3], atoi(argv[4]));
-        if (fd < 0) return 20;
-        sable_test::SignalReady("ready " + std::to_string(fd));
-        int ret = Rpcs(fd, atoi(argv[5]), static_cast<uint32_t>(atoi(argv[6])));
-        SabloClosePipe(fd);
-        return ret;
-    }
-    if (cmd == "send-exit" && argc == 5) {
-        int fd = Open(argv[2], argv[3], atoi(argv[4]));
-        if (fd < 0) return 20;
-        sable_test::SignalReady("ready " + std::to_string(fd));
-        uint8_t byte = 0x5a;
-        SabloRequest req{77, &byte, 1};
-        if (SabloSendRequest(fd, &req) != 0) return 21;
-        _exit(0);  // no close: the remote sees a hang-up
-    }
-    if (cmd == "server" && (argc == 4 || (argc == 5 && std::string(argv[4]) == "report"))) {
-        report = argc == 5;
-        signal(SIGTERM, OnTerminate);
-        SabloServerAttr attr{};
-        attr.serverCallback = Connected;
-        attr.callback = Echo;
-        attr.selfName = argv[2];
-        attr.priority = SABLO_PRIORITY_DEFAULT;
-        attr.gid = 0xFFFFFFFFu;
-        int ret = SabloCreateServer(&attr);
-        if (ret != 0) {
-            sable_test::SignalReady("failed " + std::to_string(ret));
-            return 30;
-        }
-        sable_test::SignalReady("ready 0");
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(atoi(argv[3]));
-        while (terminateRequested == 0 && std::chrono::steady_clock::now() < deadline) {
+    const std::string cmd = argc > 1 ? argv[1] : "";
+    if (cmd == "mute" && argc == 5) {
+        Open(argv[2], argv[3], argv[4], Mute);
+        for (int i = 0; i < 10000 && !remoteClosed; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        SabloCfgFinishServer();
-        return 0;
+        return remoteClosed ? 0 : 3;
     }
-    if (cmd == "client" && (argc == 5 || argc == 6)) {
-        int fd = OpenClient(argv[2], argv[3], argc == 6 ? atoi(argv[5]) : 10000);
-        if (fd < 0) return 40;
-        sable_test::SignalReady("ready " + std::to_string(fd));
-        int ret = Rpcs(fd, atoi(argv[4]), 64, static_cast<uint32_t>(getpid()));
+    if (cmd == "call" && (argc == 6 || argc == 7)) {
+        int fd = Open(argv[2], argv[3], argv[4], Echo, argc == 7 ? atoi(argv[6]) : 10000);
+        int ret = Rpcs(fd, atoi(argv[5]));
         SabloClosePipe(fd);
         return ret;
     }
-    if (cmd == "client-exit" && argc == 4) {
-        int fd = OpenClient(argv[2], argv[3], 10000);
-        if (fd < 0) return 40;
-        sable_test::SignalReady("ready " + std::to_string(fd));
-        _exit(0);
+    if (cmd == "leave" && argc == 5) {
+        int fd = Open(argv[2], argv[3], argv[4], Echo);
+        uint8_t byte = 0x5a;
+        SabloRequest req{77, &byte, 1};
+        _exit(SabloSendRequest(fd, &req) == 0 ? 0 : 21);  // no close: the remote sees a hang-up
+    }
+    if (cmd == "server" && argc == 3) {
+        SabloServerAttr attr{nullptr, Echo, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, argv[2]};
+        sable_test::SignalReady("server " + std::to_string(SabloCreateServer(&attr)));
+        return 0;
     }
     if (cmd == "exit-in-destructor" && argc == 3) {
         static CallsAtExit atExit{argv[2]};
@@ -227,12 +145,7 @@ int main(int argc, char** argv) {
         SabloAttr attr;
         attr.targetName = argv[2];
         attr.mode = SABLO_MODE_CREATE;
-        attr.timeout = 0;
-        attr.priority = SABLO_PRIORITY_DEFAULT;
-        int fd = SabloOpen(&attr);
-        if (fd < 0) return 20;
-        sable_test::SignalReady("ready " + std::to_string(fd));
-        return 0;
+        return SabloOpen(&attr) > 0 ? 0 : 20;
     }
     return 2;
 }
