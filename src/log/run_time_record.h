@@ -36,8 +36,6 @@ class RunTimeRecord {
     // Logs, at notice level, `tag` followed by the intervals newest first and the total.
     void RunTimePrint(const std::string& tag);
 
-    uint64_t PointCount() const { return pointNum; }
-
   private:
     static constexpr size_t kInlinePoints = 4;
 
