@@ -40,7 +40,7 @@ bool MakeFile(const std::string& path) {
 }  // namespace
 
 class CreateFifoTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override { unlink(path.c_str()); }
     int Create() { return CreateFifo(path, getgid(), -1, SABLO_DOMAIN_NONE, ""); }
     bool IsFifo() {

@@ -46,7 +46,8 @@ TEST(NuxAuth, GatedWrappersTouchNothingWhileLabellingIsOff) {
 
     std::string file = sable_test::EnsureFifoDir() + sable_test::UniqueName("auth");
     ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
-    struct stat before {}, after {};
+    struct stat before {
+    }, after{};
     EXPECT_EQ(lstat(file.c_str(), &before), 0);
     // /dev/shm on this host need not carry labels at all; the wrapper never asks.
     EXPECT_EQ(AuthSetFileCon(file.c_str(), "system_u:object_r:foo_t:s0"), 0);

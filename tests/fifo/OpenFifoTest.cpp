@@ -19,7 +19,7 @@
 using sable_test::LogCapture;
 
 class OpenFifoTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0); }
     void TearDown() override {
         for (const char* suffix : {"", "_file", "_link"}) unlink((fifo + suffix).c_str());

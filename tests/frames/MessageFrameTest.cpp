@@ -22,14 +22,15 @@ namespace {
 // reader does: one read(2) per Recv, giving the count, 0 at end of file, or -errno. The write
 // end stays open only when asked (then an empty pipe would block instead of ending).
 class PipeFeed : public MagicReceiver {
-public:
+  public:
     explicit PipeFeed(const std::vector<uint8_t>& bytes, bool keepWriter = false) {
         int fds[2];
         EXPECT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
         readEnd.Reset(fds[0]);
         writeEnd.Reset(fds[1]);
         if (!bytes.empty()) {
-            EXPECT_EQ(write(fds[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+            EXPECT_EQ(write(fds[1], bytes.data(), bytes.size()),
+                      static_cast<ssize_t>(bytes.size()));
         }
         if (!keepWriter) writeEnd.Reset();
     }
@@ -44,7 +45,7 @@ public:
         return static_cast<size_t>(n);
     }
 
-private:
+  private:
     sable::UniqueFd readEnd;
     sable::UniqueFd writeEnd;
 };
@@ -78,7 +79,8 @@ std::vector<uint8_t> Craft(uint32_t id, uint32_t type, uint32_t lenField,
 }
 
 std::vector<uint8_t> ValidFrame(uint32_t id, uint32_t type, const std::vector<uint8_t>& payload) {
-    return Craft(id, type, static_cast<uint32_t>(payload.size()), payload, SumOf(id, type, payload));
+    return Craft(id, type, static_cast<uint32_t>(payload.size()), payload,
+                 SumOf(id, type, payload));
 }
 
 // BuildFrame's result for a request with `payload`, or its error code (then `frame` is empty).
@@ -216,7 +218,8 @@ TEST(MessageFrame, ArbitraryBytesNeverCrashOrOverRead) {
         std::vector<uint8_t> bytes;
         if (pick(rng) < 30) {
             if (pick(rng) < 50) Append<uint32_t>(bytes, 0xA6B7C8D9u);
-            for (int i = pick(rng) * 45; i > 0; --i) bytes.push_back(static_cast<uint8_t>(byte(rng)));
+            for (int i = pick(rng) * 45; i > 0; --i)
+                bytes.push_back(static_cast<uint8_t>(byte(rng)));
         } else {
             for (int f = 0; f < 1 + pick(rng) % 3; ++f) {
                 std::vector<uint8_t> payload(1 + static_cast<size_t>(pick(rng)) * 40);

@@ -1,11 +1,10 @@
-#include "pool/CallbackPool.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
 
 #include "LogCapture.h"
 #include "PoolTestUtil.h"
+#include "pool/CallbackPool.h"
 
 using pool_test::WAIT_MS;
 using sable_test::LogCapture;
@@ -50,7 +49,9 @@ TEST(CallbackPool, TwoThreadsDroppingToANewNameBindOneWorker) {
         auto drop = [&] {
             for (++ready; ready < 2;) {
             }
-            EXPECT_EQ(pools.callbacks.DropTo(name, [] {}, SABLO_PRIORITY_DEFAULT), 0);
+            EXPECT_EQ(pools.callbacks.DropTo(
+                          name, [] {}, SABLO_PRIORITY_DEFAULT),
+                      0);
         };
         std::thread a(drop);
         std::thread b(drop);
@@ -80,13 +81,17 @@ TEST(CallbackPool, BorrowedWorkersComeBackAndRefusedDropsKeepNoSlot) {
     EXPECT_EQ(pools.callbacks.DropAsyncTask([&] { ++ran; }, badPrio), -EINVAL);
     EXPECT_TRUE(cap.Contains("Set worker attribute failed, ret = -22\n"));
     // The failed switch gave the borrowed slot back, so a name can take it.
-    EXPECT_EQ(pools.callbacks.DropTo("5", [&] { ++ran; }, badPrio), -EINVAL);
+    EXPECT_EQ(pools.callbacks.DropTo(
+                  "5", [&] { ++ran; }, badPrio),
+              -EINVAL);
     EXPECT_NE(pools.workers->WorkerOf("5"), nullptr);
 
     // No slot left for another name: refused at once, the callback not kept.
     auto capture = std::make_shared<int>(0);
     std::weak_ptr<int> watch = capture;
-    EXPECT_EQ(pools.callbacks.DropTo("b", [capture] {}, SABLO_PRIORITY_DEFAULT), -ENOSPC);
+    EXPECT_EQ(pools.callbacks.DropTo(
+                  "b", [capture] {}, SABLO_PRIORITY_DEFAULT),
+              -ENOSPC);
     capture.reset();
     EXPECT_TRUE(watch.expired()) << "the refused callback is not held anywhere";
     EXPECT_EQ(ran, 20);
@@ -108,7 +113,9 @@ TEST(CallbackPool, DestroyWaitsForRunningCallbacksDropsQueuedOnesAndRefusesLater
     ASSERT_EQ(pools.callbacks.DropTo("9", held, SABLO_PRIORITY_NORMAL), 0);
     Worker* named = pools.workers->WorkerOf("9");
     for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(pools.callbacks.DropTo("9", [&] { ++late; }, SABLO_PRIORITY_DEFAULT), 0);
+        ASSERT_EQ(pools.callbacks.DropTo(
+                      "9", [&] { ++late; }, SABLO_PRIORITY_DEFAULT),
+                  0);
     }
     ASSERT_EQ(pools.callbacks.DropAsyncTask(held, SABLO_PRIORITY_NORMAL), 0);
     ASSERT_TRUE(WaitUntil([&] { return started == 2; }, WAIT_MS));
@@ -126,7 +133,9 @@ TEST(CallbackPool, DestroyWaitsForRunningCallbacksDropsQueuedOnesAndRefusesLater
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].text.find("Using thread pool after destroy."), std::string::npos);
     EXPECT_EQ(lines[0].level, LOG_WARNING);
-    EXPECT_EQ(pools.callbacks.DropTo("new", [&] { ++late; }, SABLO_PRIORITY_NORMAL), -EACCES);
+    EXPECT_EQ(pools.callbacks.DropTo(
+                  "new", [&] { ++late; }, SABLO_PRIORITY_NORMAL),
+              -EACCES);
     EXPECT_EQ(late, 0);
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 }

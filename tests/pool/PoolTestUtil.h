@@ -56,7 +56,8 @@ inline int Post(Worker& worker, std::function<void()> fn) {
 
 // Starts a task on `worker` that holds it until `gate` opens, then runs `after`; true once the
 // task runs.
-inline bool Occupy(Worker& worker, Gate& gate, std::function<void()> after = [] {}) {
+inline bool Occupy(
+    Worker& worker, Gate& gate, std::function<void()> after = [] {}) {
     auto held = [&gate, after] {
         gate.Wait();
         after();

@@ -1,10 +1,9 @@
-#include "pool/sable_comm_thread.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 
 #include "LogCapture.h"
 #include "PoolTestUtil.h"
+#include "pool/sable_comm_thread.h"
 
 using pool_test::SeenOf;
 using sable_test::LogCapture;
@@ -13,7 +12,7 @@ namespace {
 
 // A started thread that publishes its handle and runs until released at scope exit.
 class ParkedThread {
-public:
+  public:
     explicit ParkedThread(SabloPriority start = SABLO_PRIORITY_NORMAL) : thread(start) {}
     ~ParkedThread() {
         gate.Open();
@@ -26,7 +25,7 @@ public:
     }
     SableCommThread thread;
 
-private:
+  private:
     void Routine() {
         handle = pthread_self();
         gate.Wait();

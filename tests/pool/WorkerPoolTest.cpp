@@ -1,9 +1,8 @@
-#include "pool/WorkerPool.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 
 #include "PoolTestUtil.h"
+#include "pool/WorkerPool.h"
 
 using pool_test::Ends;
 using pool_test::StillBlocked;

@@ -1,10 +1,9 @@
-#include "pool/Worker.h"
-
 #include <errno.h>
 #include <gtest/gtest.h>
 
 #include "LogCapture.h"
 #include "PoolTestUtil.h"
+#include "pool/Worker.h"
 
 using pool_test::CountWorkerThreads;
 using pool_test::Gate;

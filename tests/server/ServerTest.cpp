@@ -4,10 +4,9 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>  // mkfifo
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -104,7 +103,7 @@ void ExpectAClientConnects(const std::string& server) {
 }
 
 class ServerTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { fifo = sable_test::EnsureFifoDir() + name; }
     void TearDown() override {
         PipeServer::GetInstance()->Close();
@@ -198,7 +197,8 @@ TEST_F(ServerTest, GarbageOnTheServerFifoNeverStopsIt) {
     empty.insert(empty.end(), next.begin(), next.end());
     WriteToServer(empty);
     EXPECT_TRUE(cap.WaitFor("Read connect packet data size failed, ret=4, size=" +
-                                std::to_string(MagicReceiver::MAGIC) + " bytes", 5000));
+                                std::to_string(MagicReceiver::MAGIC) + " bytes",
+                            5000));
     WriteToServer(Packet(7));
     EXPECT_TRUE(cap.WaitFor("Read type failed, ret=4, type=7", 5000));
     ExpectAClientConnects(name);
@@ -240,7 +240,10 @@ TEST_F(ServerTest, TheExceptionHandlerRemovesThePipeFilesAndTheServerFifo) {
 bool FinishWithin(int ms) {
     auto done = std::make_shared<std::promise<void>>();
     std::future<void> finished = done->get_future();
-    std::thread([done] { SabloCfgFinishServer(); done->set_value(); }).detach();
+    std::thread([done] {
+        SabloCfgFinishServer();
+        done->set_value();
+    }).detach();
     return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
 }
 
@@ -252,8 +255,9 @@ std::atomic<int> createInCallback{1};
 // matter), or with COUNT 0 one that only connects (the finished table has no workers left).
 std::unique_ptr<ChildProcess> Client(const std::string& self, const char* count,
                                      const char* openTimeoutMs) {
-    return std::make_unique<ChildProcess>("sable_peer", std::vector<std::string>{
-        "call", self, lifeName, "client", count, openTimeoutMs});
+    return std::make_unique<ChildProcess>(
+        "sable_peer",
+        std::vector<std::string>{"call", self, lifeName, "client", count, openTimeoutMs});
 }
 
 TEST(ServerLifeTest, FinishingStopsTheServerFromAnyThreadAndTheNextStartServesAgain) {
@@ -261,13 +265,15 @@ TEST(ServerLifeTest, FinishingStopsTheServerFromAnyThreadAndTheNextStartServesAg
         Problems p;
         const std::string fifo = sable_test::EnsureFifoDir() + lifeName;
         // Another thread finishes the server while a connect callback calls into it.
-        p.Eq(StartServer(lifeName, [](int, SabloClientInfo) {
-            phase = 1;
-            WaitUntil([] { return phase.load() == 2; }, 10000);
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            createInCallback = StartServer(lifeName + "x");
-            phase = 3;
-        }), 0, "first start");
+        p.Eq(StartServer(lifeName,
+                         [](int, SabloClientInfo) {
+                             phase = 1;
+                             WaitUntil([] { return phase.load() == 2; }, 10000);
+                             std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                             createInCallback = StartServer(lifeName + "x");
+                             phase = 3;
+                         }),
+             0, "first start");
         p.True(WaitUntil([] { return ServerThreads() == 1; }, 10000), "server thread running");
         auto child = Client(UniqueName("cli"), "1", "300");
         p.True(WaitUntil([] { return phase.load() == 1; }, 10000), "in the callback");
@@ -280,11 +286,13 @@ TEST(ServerLifeTest, FinishingStopsTheServerFromAnyThreadAndTheNextStartServesAg
         child->ExpectExit(child->Wait(10000));
 
         // A connect callback finishes the server it runs on (its thread cannot be joined there).
-        p.Eq(StartServer(lifeName, [](int, SabloClientInfo) {
-            SabloCfgFinishServer();
-            createInCallback = StartServer(lifeName + "x");
-            phase = 4;
-        }), 0, "second start");
+        p.Eq(StartServer(lifeName,
+                         [](int, SabloClientInfo) {
+                             SabloCfgFinishServer();
+                             createInCallback = StartServer(lifeName + "x");
+                             phase = 4;
+                         }),
+             0, "second start");
         child = Client(UniqueName("cli"), "1", "300");
         p.True(WaitUntil([] { return phase.load() == 4; }, 10000), "callback returned");
         p.Eq(createInCallback.load(), -EBUSY, "restart from the callback");

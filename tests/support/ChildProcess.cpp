@@ -1,6 +1,7 @@
 #include "ChildProcess.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -12,16 +13,14 @@
 #include <cstring>
 #include <thread>
 
-#include <gtest/gtest.h>
-
 #include "TestEnv.h"
 
 namespace sable_test {
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const std::vector<std::string>& env) {
-    std::string path = program.find('/') == std::string::npos ? TestBinDir() + "/" + program
-                                                                : program;
+    std::string path =
+        program.find('/') == std::string::npos ? TestBinDir() + "/" + program : program;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) {
         ADD_FAILURE() << "pipe2: " << strerror(errno);

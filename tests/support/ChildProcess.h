@@ -16,7 +16,7 @@ namespace sable_test {
 // The destructor waits (bounded) for the child, kills it if it is still running, and fails the
 // current test unless it exited with `expectedExit` (set it with ExpectExit).
 class ChildProcess {
-public:
+  public:
     ChildProcess(const std::string& program, const std::vector<std::string>& args,
                  const std::vector<std::string>& env = {});
     ~ChildProcess();
@@ -31,7 +31,7 @@ public:
     void Kill(int sig);
     void ExpectExit(int code) { expectedExit = code; }
 
-private:
+  private:
     pid_t pid = -1;
     int handshakeFd = -1;
     int expectedExit = 0;

@@ -15,7 +15,7 @@ namespace sable_test {
 // Collects failed expectations inside a fresh process, where gtest assertions do not reach the
 // parent; Text() is what the body returns.
 class Problems {
-public:
+  public:
     template <class A, class B>
     void Eq(const A& actual, const B& expected, const std::string& what) {
         if (!(actual == expected)) {
@@ -29,7 +29,7 @@ public:
     }
     const std::string& Text() const { return text; }
 
-private:
+  private:
     std::string text;
 };
 
@@ -40,17 +40,17 @@ private:
 // style), so once-per-process state starts unset even when the binary runs every case in one
 // process. The code of the test before this macro runs again in that process: keep it free of
 // such state. The description is shown in the failure message.
-#define SABLE_EXPECT_IN_FRESH_PROCESS(body)                                          \
-    do {                                                                             \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");                              \
-        EXPECT_EXIT(                                                                 \
-            {                                                                        \
-                std::string sableFreshError = (body)();                              \
-                std::fprintf(stderr, "%s", sableFreshError.c_str());                 \
-                std::fflush(stderr);                                                 \
-                _exit(sableFreshError.empty() ? 0 : 1);                              \
-            },                                                                       \
-            ::testing::ExitedWithCode(0), "");                                       \
+#define SABLE_EXPECT_IN_FRESH_PROCESS(body)                          \
+    do {                                                             \
+        GTEST_FLAG_SET(death_test_style, "threadsafe");              \
+        EXPECT_EXIT(                                                 \
+            {                                                        \
+                std::string sableFreshError = (body)();              \
+                std::fprintf(stderr, "%s", sableFreshError.c_str()); \
+                std::fflush(stderr);                                 \
+                _exit(sableFreshError.empty() ? 0 : 1);              \
+            },                                                       \
+            ::testing::ExitedWithCode(0), "");                       \
     } while (0)
 
 #endif

@@ -15,7 +15,7 @@ struct LogLine {
 
 // Starts capturing on construction (dropping what came before) and stops on destruction.
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;

@@ -44,8 +44,7 @@ void Mute(int, SabloRequest* req) {
         remoteClosed = true;
         return;
     }
-    sable_test::SignalReady("request " + std::to_string(req->id) + " " +
-                            std::to_string(req->size));
+    sable_test::SignalReady("request " + std::to_string(req->id) + " " + std::to_string(req->size));
 }
 
 int Open(const char* self, const char* target, const std::string& mode, SabloCallback cb,

@@ -2,9 +2,8 @@
 // pipe numbers and limits of the process-wide table. A pipe to nobody is opened as the creating
 // end with time-out 0: that creates both FIFO files and the read end and waits for nobody.
 #include <errno.h>
-#include <sys/resource.h>
-
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -41,7 +40,7 @@ void EchoAndRecord(int fd, SabloRequest* req) {
 }
 
 class EntryFunctionsTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { sable_test::EnsureFifoDir(); }
     void TearDown() override {
         for (int fd : opened) SabloClosePipe(fd);

@@ -1,8 +1,7 @@
 // The table's life: disabling it, and the process exiting while the table is in use or already
 // gone. Each case that builds or disables the table runs in a fresh process.
-#include <signal.h>
-
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <atomic>
 #include <chrono>
