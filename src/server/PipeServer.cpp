@@ -357,7 +357,8 @@ int PipeServer::SendMsgToServer(int fd) const {
         int savedErrno = errno;
         LOGE("Write dataIn fail: %ld, writeFd=%d, errno=%d.\n", static_cast<long>(n), fd,
              savedErrno);
-        return -savedErrno;
+        // A short write leaves errno as it was: never let it read as success.
+        return n < 0 ? -savedErrno : -EIO;
     }
     LOGI("%s send name to server itself success.\n", fifoName.c_str());
     return 0;
