@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <system_error>
 
 #include "api/sable_comm_internal.h"
+#include "base/SigpipeHold.h"
 #include "env/EnvManager.h"
 #include "fifo/nux_fifo.h"
 #include "log/NuxSyslog.h"
@@ -36,42 +36,6 @@ constexpr uint32_t kMaxConcurrentCallbacks = 200;
 uint64_t BudgetUs(int timeoutMs) {
     return timeoutMs < 1 ? 0 : static_cast<uint64_t>(timeoutMs) * 1000;
 }
-
-// A write to a FIFO whose reader has gone also raises SIGPIPE, whose default action ends the
-// whole process; the sender is promised -EPIPE instead. The signal is held back in the writing
-// thread for the one write and, when that write broke the pipe, taken off again before the
-// mask is restored. A thread that blocks SIGPIPE itself keeps its own handling of it.
-class SigpipeHold {
-  public:
-    SigpipeHold() {
-        sigemptyset(&pipeSet);
-        sigaddset(&pipeSet, SIGPIPE);
-        sigset_t old;
-        pthread_sigmask(SIG_BLOCK, &pipeSet, &old);
-        heldByCaller = sigismember(&old, SIGPIPE) == 1;
-    }
-    ~SigpipeHold() {
-        if (!heldByCaller) {
-            pthread_sigmask(SIG_UNBLOCK, &pipeSet, nullptr);
-        }
-    }
-    SigpipeHold(const SigpipeHold&) = delete;
-    SigpipeHold& operator=(const SigpipeHold&) = delete;
-
-    // The write failed with EPIPE: take the signal it raised.
-    void Discard() {
-        if (heldByCaller) {
-            return;
-        }
-        const struct timespec now = {0, 0};
-        while (sigtimedwait(&pipeSet, nullptr, &now) == -1 && errno == EINTR) {
-        }
-    }
-
-  private:
-    sigset_t pipeSet;
-    bool heldByCaller = false;
-};
 
 }  // namespace
 
@@ -446,7 +410,7 @@ int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
     ssize_t n = 0;
     int savedErrno = 0;
     {
-        SigpipeHold sigpipe;
+        sable::SigpipeHold sigpipe;
         n = write(wfd, buf, len);
         savedErrno = errno;
         if (n == -1 && savedErrno == EPIPE) {

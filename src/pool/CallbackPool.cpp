@@ -51,6 +51,16 @@ int CallbackPool::DropTo(const std::string& name, const std::function<void()>& c
         LOGE("Input parameter invalid\n");
         return -EINVAL;
     }
+    std::shared_ptr<const SableTask> task = std::make_shared<SyncTask>(callback);
+    return DropTo(name, task, prio);
+}
+
+int CallbackPool::DropTo(const std::string& name, std::shared_ptr<const SableTask>& task,
+                         SabloPriority prio) {
+    if (!task) {
+        LOGE("Input parameter invalid\n");
+        return -EINVAL;
+    }
     int error = 0;
     Worker* worker = FindWorker(name, error);
     if (worker == nullptr) {
@@ -63,7 +73,6 @@ int CallbackPool::DropTo(const std::string& name, const std::function<void()>& c
             return ret;
         }
     }
-    std::shared_ptr<const SableTask> task = std::make_shared<SyncTask>(callback);
     return worker->Assign(task);
 }
 

@@ -41,6 +41,10 @@ class CallbackPool : public SableTaskObserver {
     // switch's error; -EBUSY or -1 from Worker::Assign. Nothing is queued on failure.
     int DropTo(const std::string& name, const std::function<void()>& callback, SabloPriority prio)
         EXCLUDES(findMutex);
+    // The same for a task built by the caller (a null task is refused with -EINVAL), so that a
+    // hot path can queue work without a further allocation. On success `task` is moved from.
+    int DropTo(const std::string& name, std::shared_ptr<const SableTask>& task, SabloPriority prio)
+        EXCLUDES(findMutex);
     // The worker bound to `name`, binding a free one when there is none; null when no slot is
     // free or the pool is stopping. Two threads asking for a new name get the same worker.
     Worker* FindWorker(const std::string& name) EXCLUDES(findMutex);

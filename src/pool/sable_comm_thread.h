@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "base/SigpipeHold.h"
 #include "sable_comm.h"
 
 // Holds a std::thread started on a member function of its owner and switches it between
@@ -41,9 +42,14 @@ class SableCommThread {
     // real-time). The stored class is therefore re-read from the new thread: 1 or 2 when it
     // runs exactly one of the table's settings, SABLO_PRIORITY_DEFAULT (0) otherwise, so that
     // the next SetRTType(1 or 2) really switches it.
+    //
+    // Every library thread runs with SIGPIPE blocked from its start (see SigpipeHold.h).
     template <class Routine, class Owner>
     void Create(Routine routine, Owner* owner) {
-        thread = std::thread(routine, owner);
+        thread = std::thread([routine, owner]() {
+            sable::BlockSigpipeForThread();
+            (owner->*routine)();
+        });
         rtType = ClassOf(thread.native_handle());
     }
 
