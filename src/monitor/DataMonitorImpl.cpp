@@ -6,6 +6,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <system_error>
@@ -32,6 +33,16 @@ int DataMonitorImpl::Init(const SabloPriority& priority, int eventIdx,
         }
         epollFd.store(fd);
         int ret = AddEventFd(eventIdx);
+        if (ret == 0) {
+            int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+            if (wake < 0) {
+                ret = -errno;
+                LOGE("Create eventFd failed, errno = %d\n", -ret);
+            } else {
+                wakeFd.store(wake);
+                ret = AddFdToEpoll(fd, wake, kWakeIdx, EPOLLIN);
+            }
+        }
         if (ret != 0) {
             LOGE("Create epoll instance failed, err = %d\n", ret);
             Destroy();
@@ -115,7 +126,8 @@ int DataMonitorImpl::Remove(int pipeIdx) {
             return -ENOENT;
         }
         LOGI("Find pipe(%d) pipeReadFd(%d) in minitorTable.\n", pipeIdx, it->second.readFd);
-        if (RemoveFd(it->second.readFd) != 0) {
+        // A paused pipe's FIFO is out of the epoll set already.
+        if (!it->second.paused && RemoveFd(it->second.readFd) != 0) {
             LOGE("DataMonitorImpl RemoveFd unfinished. pipeIdx = %d, readFd = %d.\n", pipeIdx,
                  it->second.readFd);
         }
@@ -143,9 +155,13 @@ std::shared_ptr<SablePipeImpl> DataMonitorImpl::GetPipe(int pipeIdx) const {
 }
 
 int DataMonitorImpl::Monitor(struct epoll_event* events, int maxEvents) {
+    return Monitor(events, maxEvents, -1);
+}
+
+int DataMonitorImpl::Monitor(struct epoll_event* events, int maxEvents, int timeoutMs) {
     int oldState = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &oldState);
-    int n = epoll_wait(epollFd.load(), events, maxEvents, -1);
+    int n = epoll_wait(epollFd.load(), events, maxEvents, timeoutMs);
     int savedErrno = errno;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
     errno = savedErrno;
@@ -166,15 +182,18 @@ void DataMonitorImpl::RecvRoutine() {
     SableComm::EpollTimeRecord record;
     record.loopStartTime = static_cast<int64_t>(SableComm::GetCurrentTime());
 
+    std::vector<int> pending;
     while (!stopped.load()) {
-        int n = Monitor(events.get(), MAX_EVENTS);
+        // Pipes with frames still buffered are served again without waiting.
+        int n = Monitor(events.get(), MAX_EVENTS, pendingPipes.empty() ? -1 : 0);
         int savedErrno = errno;
         LOGI("Monitor enter, nfds = %d.", n);
         if (stopped.load()) {
             LOGI("Monitor exiting\n");
             break;
         }
-        if (n < 1 || n > MAX_EVENTS) {
+        pending.swap(pendingPipes);
+        if (n < 0 || n > MAX_EVENTS || (n == 0 && pending.empty())) {
             if (n < 1 && savedErrno == EINTR) {
                 continue;
             }
@@ -185,6 +204,10 @@ void DataMonitorImpl::RecvRoutine() {
         for (int i = 0; i < n; ++i) {
             int pipeIdx = events[i].data.fd;
             record.eventNum = i + 1;
+            if (pipeIdx == kWakeIdx) {
+                ResumePipes(record);
+                continue;
+            }
             LOGI("Monitor recived event, i = %lu, pipeIdx = %d.", static_cast<unsigned long>(i),
                  pipeIdx);
             std::shared_ptr<SablePipeImpl> pipe;
@@ -202,13 +225,103 @@ void DataMonitorImpl::RecvRoutine() {
                 Remove(pipeIdx);
                 continue;
             }
-            pipe->HandleEvent(events[i], record);
-            if ((events[i].events & EPOLLHUP) != 0) {
-                Remove(pipeIdx);
+            Dispatch(pipe, pipeIdx, events[i], record);
+        }
+        for (int pipeIdx : pending) {
+            if (std::shared_ptr<SablePipeImpl> pipe = FindPipe(pipeIdx)) {
+                struct epoll_event more {};
+                more.events = EPOLLIN;
+                more.data.fd = pipeIdx;
+                Dispatch(pipe, pipeIdx, more, record);
             }
         }
+        pending.clear();
     }
     LOGN("DataMonitorImpl RecvRoutine end\n");
+}
+
+std::shared_ptr<SablePipeImpl> DataMonitorImpl::FindPipe(int pipeIdx) {
+    sable::MutexLock lock(tableLock);
+    auto it = monitorTable.find(pipeIdx);
+    return it != monitorTable.end() ? it->second.pipe : nullptr;
+}
+
+void DataMonitorImpl::Dispatch(const std::shared_ptr<SablePipeImpl>& pipe, int pipeIdx,
+                               const struct epoll_event& event,
+                               SableComm::EpollTimeRecord& record) {
+    switch (pipe->HandleEvent(event, record)) {
+        case SablePipeImpl::ReceiveResult::DONE:
+            if ((event.events & EPOLLHUP) != 0) {
+                Remove(pipeIdx);
+            }
+            break;
+        case SablePipeImpl::ReceiveResult::MORE:
+            if (std::find(pendingPipes.begin(), pendingPipes.end(), pipeIdx) ==
+                pendingPipes.end()) {
+                pendingPipes.push_back(pipeIdx);
+            }
+            break;
+        case SablePipeImpl::ReceiveResult::PAUSED: {
+            // Its frames wait in the FIFO (the writer meets a full FIFO) until RequestResume.
+            sable::MutexLock lock(tableLock);
+            auto it = monitorTable.find(pipeIdx);
+            if (it != monitorTable.end() && !it->second.paused) {
+                it->second.paused = true;
+                RemoveFd(it->second.readFd);
+            }
+            break;
+        }
+    }
+}
+
+void DataMonitorImpl::RequestResume(int pipeIdx) {
+    {
+        sable::MutexLock lock(resumeLock);
+        resumeList.push_back(pipeIdx);
+    }
+    uint64_t one = 1;
+    if (write(wakeFd.load(), &one, sizeof(one)) != static_cast<ssize_t>(sizeof(one))) {
+        // Only a full counter can refuse, and then the receive thread is woken already.
+    }
+}
+
+void DataMonitorImpl::ResumePipes(SableComm::EpollTimeRecord& record) {
+    uint64_t count = 0;
+    if (read(wakeFd.load(), &count, sizeof(count)) < 0) {
+        // Nothing to read: the resumes were taken by an earlier wake-up.
+    }
+    std::vector<int> resumed;
+    {
+        sable::MutexLock lock(resumeLock);
+        resumed.swap(resumeList);
+    }
+    for (int pipeIdx : resumed) {
+        std::shared_ptr<SablePipeImpl> pipe = FindPipe(pipeIdx);
+        if (!pipe) {
+            continue;  // closed while paused
+        }
+        // What was left in the pipe's buffer comes first, then the FIFO is watched again.
+        struct epoll_event resume {};
+        resume.events = EPOLLIN;
+        resume.data.fd = pipeIdx;
+        SablePipeImpl::ReceiveResult result = pipe->HandleEvent(resume, record);
+        sable::MutexLock lock(tableLock);
+        auto it = monitorTable.find(pipeIdx);
+        if (it == monitorTable.end() || !it->second.paused) {
+            continue;
+        }
+        if (result == SablePipeImpl::ReceiveResult::PAUSED) {
+            continue;  // full again: stays out until the next resume
+        }
+        it->second.paused = false;
+        if (AddFd(pipeIdx, it->second.readFd) != 0) {
+            LOGE("DataMonitorImpl AddFd failed. pipeIdx = %d, readFd = %d.\n", pipeIdx,
+                 it->second.readFd);
+        }
+        if (result == SablePipeImpl::ReceiveResult::MORE) {
+            pendingPipes.push_back(pipeIdx);
+        }
+    }
 }
 
 void DataMonitorImpl::NotifyDataMonitorExit() const {
@@ -246,6 +359,10 @@ void DataMonitorImpl::Destroy() {
         close(fd);
     }
     fd = eventFd.exchange(-1);
+    if (fd >= 0) {
+        close(fd);
+    }
+    fd = wakeFd.exchange(-1);
     if (fd >= 0) {
         close(fd);
     }

@@ -8,12 +8,16 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "base/Mutex.h"
 #include "pool/sable_comm_thread.h"
 #include "sable_comm.h"
 
 class SablePipeImpl;
+namespace SableComm {
+struct EpollTimeRecord;
+}
 
 // 0-2: pipes inside the host's domain, per priority class; 3-5: their cross-domain peers.
 enum DataMonitorType : int32_t {
@@ -30,6 +34,8 @@ struct PipeIdxMgrImpl {
     int pipeIdx;
     int readFd;
     std::shared_ptr<SablePipeImpl> pipe;
+    // The pipe's worker was full: its FIFO is out of the epoll set until it resumes.
+    bool paused = false;
 };
 
 class DataMonitorImpl {
@@ -51,6 +57,9 @@ class DataMonitorImpl {
     int Remove(int pipeIdx);
     // Ends the receive thread and closes the descriptors; idempotent, never throws.
     void Destroy();
+    // Any thread: the pipe `pipeIdx`, paused because its worker was full, may be read again.
+    // The receive thread handles what the pipe has buffered and watches its FIFO again.
+    void RequestResume(int pipeIdx);
 
     std::shared_ptr<SablePipeImpl> GetPipe(int pipeIdx) const REQUIRES(tableLock);
     int AddFd(int pipeIdx, int readFd);
@@ -59,6 +68,8 @@ class DataMonitorImpl {
     void AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<SablePipeImpl>& pipe)
         REQUIRES(tableLock);
     int Monitor(struct epoll_event* events, int maxEvents);
+    // The same with an epoll time-out in milliseconds (-1: none).
+    int Monitor(struct epoll_event* events, int maxEvents, int timeoutMs);
     void RecvRoutine();
     bool RecvRoutineStopped() const { return stopped.load(); }
     void NotifyDataMonitorExit() const;
@@ -67,7 +78,23 @@ class DataMonitorImpl {
     size_t Size();
 
   private:
+    // Index of the resume eventfd in the epoll set; pipe indices are positive.
+    static constexpr int kWakeIdx = -1;
+
+    // Receive thread: handles one readiness of pipe `pipeIdx` and keeps its state.
+    void Dispatch(const std::shared_ptr<SablePipeImpl>& pipe, int pipeIdx,
+                  const struct epoll_event& event, SableComm::EpollTimeRecord& record);
+    void ResumePipes(SableComm::EpollTimeRecord& record);
+    std::shared_ptr<SablePipeImpl> FindPipe(int pipeIdx);
+
     std::atomic<int> epollFd{-1};
+    // Signals RequestResume to the receive thread; read by it.
+    std::atomic<int> wakeFd{-1};
+    // Guards resumeList; a leaf lock.
+    sable::Mutex resumeLock;
+    std::vector<int> resumeList GUARDED_BY(resumeLock);
+    // Receive thread only: pipes with whole frames still buffered.
+    std::vector<int> pendingPipes;
     std::atomic<int> eventFd{-1};
     SableCommThread thread;
     std::atomic<bool> stopped{false};

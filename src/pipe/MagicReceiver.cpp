@@ -23,7 +23,7 @@ MagicReceiver::MagicResult MagicReceiver::RecvMagic() {
                 LOGI("Receive magic error, received: %x, expected: %x, ret = %d\n", byte,
                      MAGIC_ENUM[i], ret);
             } else {
-                LOGE("Receive magic error, received: %u, expected: %u, ret=%d.\n",
+                LOGE_R("Receive magic error, received: %u, expected: %u, ret=%d.\n",
                      static_cast<unsigned>(byte), static_cast<unsigned>(MAGIC_ENUM[i]), ret);
             }
             return MAGIC_RECV_ERROR;
@@ -34,13 +34,13 @@ MagicReceiver::MagicResult MagicReceiver::RecvMagic() {
             if (i == 0) {
                 LOGI("Received 0 when receiving magic, expected: %x\n", MAGIC_ENUM[0]);
             } else {
-                LOGE("Received 0 when receiving magic, expected: %u.\n",
+                LOGE_R("Received 0 when receiving magic, expected: %u.\n",
                      static_cast<unsigned>(MAGIC_ENUM[i]));
             }
             return MAGIC_PEER_CLOSED;
         }
         if (byte != MAGIC_ENUM[i]) {
-            LOGE("Receive magic error, received: %u, expected: %u, ret=%d.\n",
+            LOGE_R("Receive magic error, received: %u, expected: %u, ret=%d.\n",
                  static_cast<unsigned>(byte), static_cast<unsigned>(MAGIC_ENUM[i]), ret);
             return MAGIC_MISMATCH;
         }

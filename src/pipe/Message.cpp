@@ -49,6 +49,15 @@ uint8_t* InMessage::GetData() {
     return data;
 }
 
+void InMessage::Reset(unsigned msgId, unsigned msgType, unsigned msgPayloadLen) {
+    delete[] data;
+    data = nullptr;
+    id = msgId;
+    type = msgType;
+    payloadLen = msgPayloadLen;
+    checksum = 0;
+}
+
 uint8_t* InMessage::ReleaseData() {
     uint8_t* released = data;
     data = nullptr;

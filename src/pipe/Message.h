@@ -60,6 +60,9 @@ class InMessage : public Message {
     // Hands the payload array (allocated with new[]) to the caller, who then frees it with
     // delete[]; the message no longer owns it.
     uint8_t* ReleaseData();
+    // Makes this the empty message of a new frame header (frees a payload still held), so one
+    // object can carry frame after frame.
+    void Reset(unsigned id, unsigned type, unsigned payloadLen);
 
   private:
     uint8_t* data = nullptr;

@@ -1,13 +1,13 @@
 #include "pipe/MessageFrame.h"
 
 #include <errno.h>
-#include <time.h>
 
 #include <cstring>
 #include <new>
 
 #include "base/safe_c.h"
 #include "log/NuxSyslog.h"
+#include "log/run_time_record.h"
 
 namespace {
 
@@ -15,14 +15,6 @@ constexpr size_t kIdOffset = 4;
 constexpr size_t kTypeOffset = 8;
 constexpr size_t kLenOffset = 12;
 constexpr size_t kPayloadOffset = 16;
-
-// Monotonic microseconds, the clock the receiving side compares write times against.
-// Same clock and unit as SableComm::GetCurrentTime(), which replaces this once it exists.
-uint64_t MonotonicMicros() {
-    struct timespec ts {};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
-}
 
 template <typename T>
 void Put(char* at, T value) {
@@ -42,7 +34,7 @@ bool FieldOk(int32_t ret, size_t expected) {
 
 }  // namespace
 
-int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len) {
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len) {
     if (!msg.SizeValid()) {
         return -EINVAL;
     }
@@ -52,92 +44,112 @@ int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len) {
     }
     uint32_t checksum = msg.Checksum();
     size_t size = msg.Size();
-    std::unique_ptr<char[]> frame(new (std::nothrow) char[size]);
-    if (!frame) {
+    if (capacity < size) {
         return -ENOMEM;
     }
-    char* p = frame.get();
-    Put<uint32_t>(p, MagicReceiver::MAGIC);
-    Put<uint32_t>(p + kIdOffset, msg.id);
-    Put<uint32_t>(p + kTypeOffset, msg.type);
-    Put<uint32_t>(p + kLenOffset, msg.payloadLen);
-    errno_t ret = memcpy_s(p + kPayloadOffset, size - kPayloadOffset, msg.dataOut, msg.payloadLen);
+    Put<uint32_t>(buf, MagicReceiver::MAGIC);
+    Put<uint32_t>(buf + kIdOffset, msg.id);
+    Put<uint32_t>(buf + kTypeOffset, msg.type);
+    Put<uint32_t>(buf + kLenOffset, msg.payloadLen);
+    errno_t ret =
+        memcpy_s(buf + kPayloadOffset, size - kPayloadOffset, msg.dataOut, msg.payloadLen);
     if (ret != 0) {
         LOGE("memcpy_s msg.dataOut fail, ret = %d\n", ret);
         return -ret;
     }
-    char* trailer = p + kPayloadOffset + msg.payloadLen;
+    char* trailer = buf + kPayloadOffset + msg.payloadLen;
     Put<uint32_t>(trailer, checksum);
     Put<int32_t>(trailer + 4, msg.timeout);
     // Taken last, as close to the write as the builder gets, so that the receiver's latency
     // measure covers the FIFO and not the copying.
-    Put<uint64_t>(trailer + 8, MonotonicMicros());
-    buf = std::move(frame);
+    Put<uint64_t>(trailer + 8, SableComm::GetCurrentTime());
     len = size;
     return 0;
 }
 
-std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::string& remoteName) {
+int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len) {
+    if (!msg.SizeValid()) {
+        return BuildFrame(msg, nullptr, 0, len);  // the same refusal, nothing allocated
+    }
+    std::unique_ptr<char[]> frame(new (std::nothrow) char[msg.Size()]);
+    if (!frame) {
+        return -ENOMEM;
+    }
+    size_t size = 0;
+    int ret = BuildFrame(msg, frame.get(), msg.Size(), size);
+    if (ret == 0) {
+        buf = std::move(frame);
+        len = size;
+    }
+    return ret;
+}
+
+bool ReadFrame(MagicReceiver& rx, InMessage& msg, int readFd, const std::string& remoteName) {
     MagicReceiver::MagicResult result = rx.RecvMagic();
     if (result != MagicReceiver::MAGIC_OK) {
-        LOGE("RecvMagic, result != MAGIC_OK, result=%d.\n", static_cast<int>(result));
-        return nullptr;
+        LOGE_R("RecvMagic, result != MAGIC_OK, result=%d.\n", static_cast<int>(result));
+        return false;
     }
     uint32_t id = 0;
     int32_t ret = RecvField(rx, id);
     if (!FieldOk(ret, sizeof(id))) {
-        LOGE("Recv msg failed, received id = %u, ret = %d\n", id, ret);
-        return nullptr;
+        LOGE_R("Recv msg failed, received id = %u, ret = %d\n", id, ret);
+        return false;
     }
     uint32_t type = 0;
     ret = RecvField(rx, type);
     if (!FieldOk(ret, sizeof(type))) {
-        LOGE("Recv msg failed, received type = %u, ret = %d\n", type, ret);
-        return nullptr;
+        LOGE_R("Recv msg failed, received type = %u, ret = %d\n", type, ret);
+        return false;
     }
     uint32_t payloadLen = 0;
     ret = RecvField(rx, payloadLen);
     if (!FieldOk(ret, sizeof(payloadLen)) || payloadLen > Message::MAX_PAYLOAD_LEN) {
-        LOGE("Recv msg failed, received payloadLen = %u, ret = %d\n", payloadLen, ret);
-        return nullptr;
+        LOGE_R("Recv msg failed, received payloadLen = %u, ret = %d\n", payloadLen, ret);
+        return false;
     }
-    std::unique_ptr<InMessage> msg(new (std::nothrow) InMessage(id, type, payloadLen));
-    if (!msg) {
-        return nullptr;
-    }
+    msg.Reset(id, type, payloadLen);
     // A length of 0 (or a failed allocation) leaves the buffer null, which Recv refuses: such a
     // frame is dropped here rather than accepted as an empty message.
-    ret = rx.Recv(msg->GetData(), payloadLen);
+    ret = rx.Recv(msg.GetData(), payloadLen);
     if (!FieldOk(ret, payloadLen)) {
-        LOGE("Recv msg failed, received payloadLen should be %u, ret = %d\n", payloadLen, ret);
-        return nullptr;
+        LOGE_R("Recv msg failed, received payloadLen should be %u, ret = %d\n", payloadLen, ret);
+        return false;
     }
     uint32_t received = 0;
     ret = RecvField(rx, received);
     if (!FieldOk(ret, sizeof(received))) {
-        LOGE("Recv msg failed, received checksum = %u, ret = %d\n", received, ret);
-        return nullptr;
+        LOGE_R("Recv msg failed, received checksum = %u, ret = %d\n", received, ret);
+        return false;
     }
-    uint32_t computed = msg->Checksum();
+    uint32_t computed = msg.Checksum();
     if (received != computed) {
-        LOGE(
+        LOGE_R(
             "Recv msg failed, send checksum = %u, but recv checksum = %u for readFd(%d) "
             "remote(%s)\n",
             received, computed, readFd, remoteName.c_str());
-        return nullptr;
+        return false;
     }
     // The trailer is read only to consume the frame; nothing downstream uses it.
     int32_t timeout = 0;
     ret = RecvField(rx, timeout);
     if (!FieldOk(ret, sizeof(timeout))) {
-        LOGE("Recv msg failed, received timeout = %d ms, ret = %d\n", timeout, ret);
-        return nullptr;
+        LOGE_R("Recv msg failed, received timeout = %d ms, ret = %d\n", timeout, ret);
+        return false;
     }
     int64_t writeStartTime = 0;
     ret = RecvField(rx, writeStartTime);
     if (!FieldOk(ret, sizeof(writeStartTime))) {
-        LOGE("Recv msg failed, received writeStartTime = %ld, ret = %d\n",
-             static_cast<long>(writeStartTime), ret);
+        LOGE_R("Recv msg failed, received writeStartTime = %ld, ret = %d\n",
+               static_cast<long>(writeStartTime), ret);
+        return false;
+    }
+    return true;
+}
+
+std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::string& remoteName) {
+    std::unique_ptr<InMessage> msg(new (std::nothrow) InMessage(0, 0, 0));
+    if (!msg || !ReadFrame(rx, *msg, readFd, remoteName)) {
         return nullptr;
     }
     return msg;

@@ -18,6 +18,9 @@
 // the negated status of a failed payload copy. On failure `buf` and `len` are left alone.
 // Thread-safe for distinct messages.
 int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
+// The same into the caller's `buf` of `capacity` bytes (-ENOMEM when the frame does not fit),
+// so that a sender can build on its stack: nothing is allocated.
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len);
 
 // Reads one frame through rx.Recv, one Recv of exactly the field's size per field, and returns
 // the message with its payload and checksum. Any failure (bad magic, end of file, a short or
@@ -25,6 +28,11 @@ int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
 // and yields null, with the source left wherever the failure stopped: nothing skips ahead to
 // the next frame. Never reads past the frame's own bytes. `readFd` and `remoteName` only name
 // the source in the checksum line. Blocks only as long as rx.Recv does.
+// The lines are restrained (one per call site and thread per 600 s), so that garbage written
+// into a FIFO cannot flood the log.
 std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::string& remoteName);
+// The same into `msg` (reset to the frame's header, payload allocated for it), allocating
+// nothing but the payload: true with a complete frame, false otherwise.
+bool ReadFrame(MagicReceiver& rx, InMessage& msg, int readFd, const std::string& remoteName);
 
 #endif

@@ -14,17 +14,25 @@ void OutTimedRequest::Process(SabloResponse& /*response*/) {
     Cancel();
 }
 
-void OutTimedRequest::CancelLocked() {
+bool OutTimedRequest::CancelLocked() {
     count += 1;
     if (count < 1) {
         signalled = true;
-        cond.NotifyOne();
+        return true;
     }
+    return false;
 }
 
 void OutTimedRequest::Cancel() {
-    sable::MutexLock lock(mutex);
-    CancelLocked();
+    bool wake;
+    {
+        sable::MutexLock lock(mutex);
+        wake = CancelLocked();
+    }
+    // The caller holds a reference to this request, so it outlives a waiter that returns now.
+    if (wake) {
+        cond.NotifyOne();
+    }
 }
 
 int OutTimedRequest::Wait() {
@@ -68,14 +76,20 @@ OutSyncTimedRequest::OutSyncTimedRequest(std::shared_ptr<SablePipeImpl> owner, u
 }
 
 void OutSyncTimedRequest::Process(SabloResponse& received) {
-    sable::MutexLock lock(mutex);
-    if (withdrawn) {
-        delete[] received.data;
-        received.data = nullptr;
-        return;
+    bool wake;
+    {
+        sable::MutexLock lock(mutex);
+        if (withdrawn) {
+            delete[] received.data;
+            received.data = nullptr;
+            return;
+        }
+        *response = received;
+        wake = CancelLocked();
     }
-    *response = received;
-    CancelLocked();
+    if (wake) {
+        cond.NotifyOne();
+    }
 }
 
 int OutSyncTimedRequest::Wait() {

@@ -43,7 +43,9 @@ class OutTimedRequest : public OutRequest {
     void Cancel() override;
 
   protected:
-    void CancelLocked() REQUIRES(mutex);
+    // Counts the release; true when a waiter must be woken, which the caller does after
+    // unlocking (a waiter woken under the lock would only block on it again).
+    bool CancelLocked() REQUIRES(mutex);
 
     std::weak_ptr<SablePipeImpl> pipe;  // a pending request never keeps a closed pipe alive
     sable::Mutex mutex;  // guards the fields below; taken after the list's and the pipe's locks

@@ -20,6 +20,7 @@
 #include "pipe/Message.h"
 #include "pipe/MessageFrame.h"
 #include "pipe/OutRequest.h"
+#include "pipe/RequestTask.h"
 #include "pipe/TimedLock.h"
 #include "table/PipeObserver.h"
 
@@ -31,6 +32,7 @@ constexpr unsigned int kMaxBackoffUs = 20000;
 constexpr uint64_t kSlowStepMs = 50;
 constexpr int kLongRunModeMs = 18000000;  // five hours
 constexpr uint32_t kMaxConcurrentCallbacks = 200;
+constexpr size_t kMaxFrameSize = Message::MAX_PAYLOAD_LEN + 32;
 
 // Budget in microseconds of a wait of `timeoutMs`; 0 means no limit.
 uint64_t BudgetUs(int timeoutMs) {
@@ -384,11 +386,12 @@ int SablePipeImpl::Send(OutMessage& msg) {
 }
 
 int SablePipeImpl::Write(OutMessage& msg) {
-    std::unique_ptr<char[]> frame;
+    // Built on the stack: a frame is at most 4032 bytes, and a send allocates nothing.
+    char frame[kMaxFrameSize];
     size_t len = 0;
-    int ret = BuildFrame(msg, frame, len);
+    int ret = BuildFrame(msg, frame, sizeof(frame), len);
     if (ret == 0) {
-        ret = Write(frame.get(), len, msg.id);
+        ret = Write(frame, len, msg.id);
     }
     LOGD(
         "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
@@ -442,68 +445,96 @@ int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
 }
 
 int SablePipeImpl::Recv(void* buf, size_t len) {
-    if (buf == nullptr) {
-        LOGE("Input addrress is nullptr\n");
-        return -1;
-    }
-    int rfd = readFd.load(std::memory_order_relaxed);
-    ssize_t n = read(rfd, buf, len);
-    if (n == -1) {
-        int savedErrno = errno;
-        if (savedErrno == EAGAIN) {
-            LOGI("The readFd(%d) read fail, errno = %d, remoteName: %s\n", rfd, savedErrno,
-                 remoteName.c_str());
-        } else {
-            LOGE("The readFd(%d) read fail, errno = %d, remoteName: %s\n", rfd, savedErrno,
-                 remoteName.c_str());
-        }
-        return -savedErrno;
-    }
-    if (n == 0) {
-        return 0;
-    }
-    if (static_cast<size_t>(n) != len) {
-        LOGE("The readFd(%d) read size %ld instead of %lu, errno = %d, remoteName: %s\n", rfd,
-             static_cast<long>(n), static_cast<unsigned long>(len), errno, remoteName.c_str());
-        return -1;
-    }
-    return static_cast<int>(n);
+    return RecvFromFifo(readFd.load(std::memory_order_relaxed), &inBuffer, buf, len, remoteName);
 }
 
 std::unique_ptr<InMessage> SablePipeImpl::RecvMessage(SableComm::EpollTimeRecord& /*record*/) {
     return ReadFrame(*this, readFd.load(std::memory_order_relaxed), remoteName);
 }
 
-bool SablePipeImpl::HandleMessage(SableComm::EpollTimeRecord& record) {
-    std::unique_ptr<InMessage> msg;
+SablePipeImpl::ReadStatus SablePipeImpl::ReadOne(SableComm::EpollTimeRecord& /*record*/) {
+    InMessage msg(0, 0, 0);
     {
         // Shared: a close waits until this frame is read, and no descriptor number is read
         // after it was closed and possibly reused.
         sable::ReaderLock lock(fdMutex);
-        if (readFd.load() < 0) {
-            return false;
+        int rfd = readFd.load();
+        if (rfd < 0) {
+            return ReadStatus::END;
         }
-        msg = RecvMessage(record);
+        if (inBuffer.Available() == 0) {
+            ssize_t n = inBuffer.Fill(rfd);
+            if (n == 0) {
+                return ReadStatus::END;  // the writer closed between frames: an ordinary end
+            }
+            if (n == -EAGAIN) {
+                return ReadStatus::EMPTY;
+            }
+            // Any other failure is left to the frame reader, which reads again and reports it.
+        }
+        if (!ReadFrame(*this, msg, rfd, remoteName)) {
+            return ReadStatus::DROPPED;
+        }
     }
-    if (!msg) {
-        return false;
-    }
-    ProcessMessage(*msg);
-    return true;
+    ProcessMessage(msg);
+    return ReadStatus::FRAME;
 }
 
-void SablePipeImpl::HandleEvent(const struct epoll_event& event,
-                                SableComm::EpollTimeRecord& record) {
-    bool more = (event.events & EPOLLIN) != 0 && HandleMessage(record);
-    if ((event.events & EPOLLHUP) != 0) {
-        // The writer is gone for good: whatever it wrote before leaving is delivered before
-        // the close, not just the one frame a readiness event normally takes.
-        while (more) {
-            more = HandleMessage(record);
+bool SablePipeImpl::HandleMessage(SableComm::EpollTimeRecord& record) {
+    return ReadOne(record) == ReadStatus::FRAME;
+}
+
+SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event& event,
+                                                        SableComm::EpollTimeRecord& record) {
+    const bool hangUp = (event.events & EPOLLHUP) != 0;
+    if ((event.events & (EPOLLIN | EPOLLHUP)) == 0) {
+        return ReceiveResult::DONE;
+    }
+    for (int handled = 0;; ++handled) {
+        if (backlog.load() >= BACKLOG_PAUSE && PauseReceive()) {
+            return ReceiveResult::PAUSED;  // a hang-up is seen again once the pipe resumes
         }
+        if (!hangUp) {
+            // One read per turn: whatever came after it raises the next event.
+            if (handled > 0 && inBuffer.Available() == 0) {
+                return ReceiveResult::DONE;
+            }
+            if (handled >= FRAMES_PER_TURN) {
+                return ReceiveResult::MORE;
+            }
+        }
+        // A hang-up drains everything the writer left before the close is handled.
+        const uint64_t before = inBuffer.Consumed();
+        ReadStatus status = ReadOne(record);
+        if (status == ReadStatus::END || status == ReadStatus::EMPTY) {
+            break;
+        }
+        if (status == ReadStatus::DROPPED && inBuffer.Consumed() == before) {
+            break;  // nothing could be read at all
+        }
+    }
+    if (hangUp) {
         LOGI("%s=>%s readFd(%d) read msg 0, remote is closed\n", myName.c_str(), remoteName.c_str(),
              readFd.load());
         HandleRemoteClosed();
+    }
+    return ReceiveResult::DONE;
+}
+
+bool SablePipeImpl::PauseReceive() {
+    receivePaused.store(true);
+    if (backlog.load() > BACKLOG_RESUME) {
+        return true;
+    }
+    // The worker drained meanwhile. Whoever takes the flag back resumes: the worker (which then
+    // asks the monitor to resume, so this pipe counts as paused until then) or this thread.
+    return !receivePaused.exchange(false);
+}
+
+void SablePipeImpl::OnQueuedRequestDone() {
+    uint32_t left = backlog.fetch_sub(1) - 1;
+    if (left <= BACKLOG_RESUME && receivePaused.load() && receivePaused.exchange(false)) {
+        observer.OnPipeResume(fd.load(), dataMonitorType);
     }
 }
 
@@ -570,32 +601,20 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
         return;  // not owned any more: nobody could close it after the callback
     }
     const int pipeFd = fd.load();
-    std::function<void()> task = [self, handler, request, pipeFd]() {
-        SabloRequest* record = request ? &request->Record() : nullptr;
-        if (!request) {
-            self->isCallbackHandleRemoteClose.store(true);
-        }
-        try {
-            handler(pipeFd, record);
-        } catch (const std::exception& e) {
-            LOGE("Request callback of fd=%d threw: %s\n", pipeFd, e.what());
-        } catch (...) {
-            LOGE("Request callback of fd=%d threw\n", pipeFd);
-        }
-        self->OnCallbackFinished();
-        if (!request) {
-            self->isCallbackHandleRemoteClose.store(false);
-            SabloClosePipe(pipeFd);
-            self->OnRemoteClosedFinished();
-        }
-    };
+    const bool isRequest = request != nullptr;
     int ret = 0;
     if (isConcur == 0) {
-        ret = observer.OnRequestIn(std::to_string(pipeFd), task, priority);
+        std::shared_ptr<const SableTask> task =
+            std::make_shared<RequestTask>(std::move(self), std::move(request), handler, pipeFd);
+        backlog.fetch_add(1);
+        ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
+        if (ret != 0) {
+            backlog.fetch_sub(1);  // nothing was queued
+        }
     } else {
         // The remote-close notice is never dropped: it is the one task that closes the pipe
         // and frees its handle, and the user would not learn of the close otherwise.
-        if (request &&
+        if (isRequest &&
             callbacksInFlight.load(std::memory_order_relaxed) > kMaxConcurrentCallbacks - 1) {
             LOGE_R(
                 "Callback occupied over 200 threads fail. Drop the current callback for "
@@ -603,8 +622,10 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
                 remoteName.c_str(), pipeFd);
             return;
         }
+        auto task =
+            std::make_shared<RequestTask>(std::move(self), std::move(request), handler, pipeFd);
         callbacksInFlight.fetch_add(1, std::memory_order_relaxed);
-        ret = observer.OnAsyncRequestIn(task, priority);
+        ret = observer.OnAsyncRequestIn([task]() { (*task)(); }, priority);
         if (ret != 0) {
             // Nothing was queued, so nothing will give the slot back but us.
             callbacksInFlight.fetch_sub(1, std::memory_order_relaxed);
@@ -613,6 +634,29 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     if (ret != 0) {
         LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),
              remoteName.c_str());
+    }
+}
+
+void SablePipeImpl::RunRequest(InRequest* request, const Handler& handler, int pipeFd) {
+    SabloRequest* record = request != nullptr ? &request->Record() : nullptr;
+    if (request == nullptr) {
+        isCallbackHandleRemoteClose.store(true);
+    }
+    try {
+        handler(pipeFd, record);
+    } catch (const std::exception& e) {
+        LOGE("Request callback of fd=%d threw: %s\n", pipeFd, e.what());
+    } catch (...) {
+        LOGE("Request callback of fd=%d threw\n", pipeFd);
+    }
+    OnCallbackFinished();
+    if (isConcur == 0) {
+        OnQueuedRequestDone();
+    }
+    if (request == nullptr) {
+        isCallbackHandleRemoteClose.store(false);
+        SabloClosePipe(pipeFd);
+        OnRemoteClosedFinished();
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include "base/Mutex.h"
 #include "monitor/DataMonitorImpl.h"
+#include "pipe/FrameBuffer.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/OutRequestList.h"
 #include "sable_comm.h"
@@ -74,14 +75,32 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int Send(OutMessage& msg);
     int Write(OutMessage& msg);
     int Write(const char* buf, size_t len, unsigned int msgId);
-    // Reads exactly `len` bytes from the read FIFO; the count, 0 at end of file, or a negative
-    // errno / -1 for a short read. Receive thread only.
+    // Takes exactly `len` bytes of the read FIFO (through the receive buffer: see FrameBuffer);
+    // the count, 0 at end of file, or a negative errno / -1 for a short read. Receive thread
+    // only.
     int Recv(void* buf, size_t len) override;
     std::unique_ptr<InMessage> RecvMessage(SableComm::EpollTimeRecord& record);
     // Reads and dispatches one frame; false when none could be read.
     bool HandleMessage(SableComm::EpollTimeRecord& record);
-    // Receive thread: data first, then hang-up.
-    void HandleEvent(const struct epoll_event& event, SableComm::EpollTimeRecord& record);
+
+    // What the receive thread is to do with the pipe after HandleEvent.
+    enum class ReceiveResult {
+        DONE,    // nothing more buffered; wait for the FIFO's next event
+        MORE,    // whole frames are still buffered: call again soon, without an event
+        PAUSED,  // the pipe's worker is full: stop watching the FIFO until the pipe asks to
+                 // resume (PipeObserver::OnPipeResume); its frames wait in the FIFO
+    };
+    // Receive thread: one read of what the FIFO holds, then every whole frame it brought (at
+    // most FRAMES_PER_TURN, so one busy pipe cannot hold up the others); on a hang-up every
+    // frame left, then the remote close. Log lines and results per frame are those of a reader
+    // that reads the FIFO field by field.
+    ReceiveResult HandleEvent(const struct epoll_event& event, SableComm::EpollTimeRecord& record);
+    static constexpr int FRAMES_PER_TURN = 1024;
+    // Requests queued on the pipe's own worker and not yet finished at which the receive side
+    // pauses, and at which it resumes; below the worker's queue capacity (1000), so that a
+    // request that was read always finds room.
+    static constexpr uint32_t BACKLOG_PAUSE = 992;
+    static constexpr uint32_t BACKLOG_RESUME = 496;
 
     // --- dispatch ---
     virtual void ProcessMessage(InMessage& msg);
@@ -95,6 +114,10 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     void OnRequestCancelled(const SabloRequest& request) { RemoveRequest(request); }
     void OnCallbackFinished();
     Handler GetServiceHandler() const { return serviceHandler; }
+    const Handler& ServiceHandler() const { return serviceHandler; }
+    // Worker thread: runs `handler` for `request` (null: the remote has gone, after which the
+    // pipe is closed), then gives back what the request held of the pipe's limits.
+    void RunRequest(InRequest* request, const Handler& handler, int pipeFd);
     // Diagnostics: callbacks of an isConcur pipe queued or running; requests still waiting for
     // their response.
     uint32_t GetCallbacksInFlight() const {
@@ -132,6 +155,14 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     const std::string& GetReadFifoName() const { return readFifoName; }
 
   protected:
+    enum class ReadStatus { FRAME, DROPPED, EMPTY, END };
+    // Reads one frame and dispatches it. Between frames an empty FIFO (EMPTY) or its end (END)
+    // is nothing to report.
+    ReadStatus ReadOne(SableComm::EpollTimeRecord& record);
+    // True when the receive side is to stop (the pipe's worker is full); see BACKLOG_PAUSE.
+    bool PauseReceive();
+    // A request of the pipe's own worker has finished.
+    void OnQueuedRequestDone();
     // Re-forms both FIFO names after a change of `myName`.
     void FormFifoNames();
     int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
@@ -177,6 +208,12 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     std::list<std::shared_ptr<InRequest>> inReqList GUARDED_BY(cacheMutex);
     uint64_t inReqCount GUARDED_BY(cacheMutex) = 0;
     std::atomic<uint32_t> callbacksInFlight{0};
+    // Requests queued on the pipe's own worker and not finished (not isConcur pipes), and
+    // whether the receive side stopped reading for them.
+    std::atomic<uint32_t> backlog{0};
+    std::atomic<bool> receivePaused{false};
+    // Read and not yet parsed; receive thread only.
+    FrameBuffer inBuffer;
     std::atomic<bool> isCallbackHandleRemoteClose{false};
     // Guards the out-request list against the response path; taken before the list's own
     // mutex and before a request's mutex.

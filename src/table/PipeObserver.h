@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "monitor/DataMonitorImpl.h"
+#include "pool/SableTask.h"
 #include "sable_comm.h"
 
 class SablePipeImpl;
@@ -26,6 +28,19 @@ class PipeObserver {
     virtual void OnPipeRemoteClosed(int fd) = 0;
     // The worker bound to `workerKey` is no longer needed.
     virtual int OnFreeSelfWorker(std::string workerKey) = 0;
+    // OnRequestIn for a task built by the pipe (moved from on success), so that queuing a
+    // request allocates nothing more. By default it goes the std::function way.
+    virtual int OnRequestTaskIn(const std::string& workerKey,
+                                std::shared_ptr<const SableTask>& task, SabloPriority priority) {
+        std::shared_ptr<const SableTask> held = task;
+        int ret = OnRequestIn(
+            workerKey, [held]() { (*held)(); }, priority);
+        if (ret == 0) task.reset();
+        return ret;
+    }
+    // A pipe whose receive side paused (its worker was full) may be read again: the receive
+    // thread of its monitor type resumes it.
+    virtual void OnPipeResume(int /*fd*/, DataMonitorType /*type*/) {}
     virtual ~PipeObserver() = default;
 };
 

@@ -254,3 +254,15 @@ int SableTable::OnAsyncRequestIn(const std::function<void()>& task, SabloPriorit
 int SableTable::OnFreeSelfWorker(std::string workerKey) {
     return callbackPool->FreeWorker(workerKey);
 }
+
+int SableTable::OnRequestTaskIn(const std::string& workerKey,
+                                std::shared_ptr<const SableTask>& task, SabloPriority priority) {
+    return callbackPool->DropTo(workerKey, task, priority);
+}
+
+void SableTable::OnPipeResume(int fd, DataMonitorType type) {
+    sable::MutexLock lock(monitorLock);
+    if (type >= 0 && type < DATA_MONITOR_TYPE_NUM && monitors[type]) {
+        monitors[type]->RequestResume(fd);
+    }
+}

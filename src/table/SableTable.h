@@ -59,6 +59,9 @@ class SableTable : public PipeObserver {
     void OnOpenFailed(int fd) override { CloseSablePipe(fd); }
     void OnPipeRemoteClosed(int fd) override;
     int OnFreeSelfWorker(std::string workerKey) override;
+    int OnRequestTaskIn(const std::string& workerKey, std::shared_ptr<const SableTask>& task,
+                        SabloPriority priority) override;
+    void OnPipeResume(int fd, DataMonitorType type) override;
 
   private:
     // Guards the two maps; a pipe is in one exactly when it is in the other.

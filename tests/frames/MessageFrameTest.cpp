@@ -11,12 +11,18 @@
 #include <vector>
 
 #include "LogCapture.h"
+#include "Restraint.h"
 #include "base/UniqueFd.h"
 #include "pipe/MessageFrame.h"
 
 using sable_test::LogCapture;
 
 namespace {
+
+// The reader's lines are restrained: each case starts with every site free to print again.
+void ForgetReaderSites() {
+    sable_test::ForgetRestrainedSites({"MessageFrame.cpp", "MagicReceiver.cpp", "FrameBuffer.cpp"});
+}
 
 // The receive side of a real non-blocking pipe preloaded with `bytes`, read like a pipe's own
 // reader does: one read(2) per Recv, giving the count, 0 at end of file, or -errno. The write
@@ -106,6 +112,7 @@ void ExpectMessage(const std::unique_ptr<InMessage>& msg, uint32_t id, uint32_t 
 }  // namespace
 
 TEST(MagicReceiver, BadFirstByteConsumesExactlyThatByte) {
+    ForgetReaderSites();
     LogCapture cap;
     PipeFeed rx({0x00, 0xD9, 0xC8, 0xB7, 0xA6});
     EXPECT_EQ(rx.RecvMagic(), MagicReceiver::MAGIC_MISMATCH);
@@ -116,6 +123,7 @@ TEST(MagicReceiver, BadFirstByteConsumesExactlyThatByte) {
 }
 
 TEST(MagicReceiver, EndOfFileIsQuietBetweenFramesAndAnErrorInsideTheMagic) {
+    ForgetReaderSites();
     LogCapture cap;
     PipeFeed empty({});
     EXPECT_EQ(empty.RecvMagic(), MagicReceiver::MAGIC_PEER_CLOSED);
@@ -152,6 +160,7 @@ TEST(MessageFrame, BuiltFrameLaysOutTheFieldsAndReadsBack) {
 }
 
 TEST(MessageFrame, PayloadOfOneTo4000BytesIsTheRuleOnBothSides) {
+    ForgetReaderSites();
     LogCapture cap;
     std::vector<uint8_t> payload(4001, 0x42);
     std::vector<uint8_t> frame;
@@ -179,6 +188,7 @@ TEST(MessageFrame, PayloadOfOneTo4000BytesIsTheRuleOnBothSides) {
     EXPECT_EQ(tooLong.Left(), 4001u + 16u);  // refused at the length, payload untouched
     EXPECT_TRUE(cap.Contains("Recv msg failed, received payloadLen = 4001, ret = 4\n"));
 
+    ForgetReaderSites();
     PipeFeed empty(Craft(1, 0, 0, {}, SumOf(1, 0, {})));
     EXPECT_EQ(ReadFrame(empty, 3, "peer"), nullptr);
     EXPECT_TRUE(cap.Contains("Recv msg failed, received payloadLen should be 0, ret = -1\n"));
@@ -186,6 +196,7 @@ TEST(MessageFrame, PayloadOfOneTo4000BytesIsTheRuleOnBothSides) {
 
 TEST(MessageFrame, DamagedOrTruncatedFrameYieldsNoMessage) {
     std::vector<uint8_t> payload{1, 2, 3};
+    ForgetReaderSites();
     LogCapture cap;
     PipeFeed badSum(Craft(4, 0, 3, payload, SumOf(4, 0, payload) + 1));
     EXPECT_EQ(ReadFrame(badSum, 17, "remote_x"), nullptr);
@@ -199,6 +210,7 @@ TEST(MessageFrame, DamagedOrTruncatedFrameYieldsNoMessage) {
 
     const std::vector<uint8_t> frame = ValidFrame(2, 0, payload);
     for (size_t cut = 0; cut < frame.size(); ++cut) {
+        ForgetReaderSites();
         cap.Clear();
         PipeFeed part(std::vector<uint8_t>(frame.begin(), frame.begin() + cut));
         EXPECT_EQ(ReadFrame(part, 3, "peer"), nullptr) << "cut at " << cut;

@@ -68,7 +68,7 @@ TEST(DataMonitor, SecondInitStartsNoThreadAndDestroyJoinsAlsoAfterAFailedInit) {
     ASSERT_EQ(monitor.Init(SABLO_PRIORITY_DEFAULT, kEventIdx, DATA_MONITOR_LOCAL_DEFAULT), 0);
     ASSERT_TRUE(sable_test::WaitUntil([&] { return MonitorThreads() == threads + 1; }, 5000));
     const auto running = OpenFds();
-    EXPECT_EQ(running.size(), before.size() + 2) << "an epoll set and an eventfd";
+    EXPECT_EQ(running.size(), before.size() + 3) << "an epoll set and two eventfds (exit, resume)";
     EXPECT_EQ(monitor.Init(SABLO_PRIORITY_DEFAULT, kEventIdx, DATA_MONITOR_LOCAL_DEFAULT), 0);
     EXPECT_EQ(MonitorThreads(), threads + 1);
     EXPECT_EQ(OpenFds(), running);

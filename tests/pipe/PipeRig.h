@@ -50,6 +50,11 @@ class TestObserver : public PipeObserver {
         monitor.Remove(fd);
     }
     int OnFreeSelfWorker(std::string workerKey) override { return pool.FreeWorker(workerKey); }
+    int OnRequestTaskIn(const std::string& workerKey, std::shared_ptr<const SableTask>& task,
+                        SabloPriority priority) override {
+        return pool.DropTo(workerKey, task, priority);
+    }
+    void OnPipeResume(int fd, DataMonitorType /*type*/) override { monitor.RequestResume(fd); }
 
     std::atomic<int> remoteClosed{0};
 
