@@ -24,7 +24,7 @@ MagicReceiver::MagicResult MagicReceiver::RecvMagic() {
                      MAGIC_ENUM[i], ret);
             } else {
                 LOGE_R("Receive magic error, received: %u, expected: %u, ret=%d.\n",
-                     static_cast<unsigned>(byte), static_cast<unsigned>(MAGIC_ENUM[i]), ret);
+                       static_cast<unsigned>(byte), static_cast<unsigned>(MAGIC_ENUM[i]), ret);
             }
             return MAGIC_RECV_ERROR;
         }
@@ -35,13 +35,13 @@ MagicReceiver::MagicResult MagicReceiver::RecvMagic() {
                 LOGI("Received 0 when receiving magic, expected: %x\n", MAGIC_ENUM[0]);
             } else {
                 LOGE_R("Received 0 when receiving magic, expected: %u.\n",
-                     static_cast<unsigned>(MAGIC_ENUM[i]));
+                       static_cast<unsigned>(MAGIC_ENUM[i]));
             }
             return MAGIC_PEER_CLOSED;
         }
         if (byte != MAGIC_ENUM[i]) {
             LOGE_R("Receive magic error, received: %u, expected: %u, ret=%d.\n",
-                 static_cast<unsigned>(byte), static_cast<unsigned>(MAGIC_ENUM[i]), ret);
+                   static_cast<unsigned>(byte), static_cast<unsigned>(MAGIC_ENUM[i]), ret);
             return MAGIC_MISMATCH;
         }
     }

@@ -301,28 +301,40 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
     if (timeoutMs > 0 && remaining < 1) {
         remaining = 1;
     }
-    ret = PrepareWriteFifo(remaining);
-    if (ret < 0) {
-        if (ret == -ETIMEDOUT || ret == -ECANCELED) {
-            LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), ret, strerror(-ret));
-        } else {
-            LOGE("Open pipe to %s failed, err = %d, errno = %d.\n", remoteName.c_str(), ret, errno);
+    int rfd = -1;
+    if (mode != SABLO_MODE_JOIN) {
+        // The creating end makes both files and opens its read end without waiting for
+        // anything, under the descriptor lock: a close either comes first (then nothing is
+        // made) or finds the read end open and removes both files.
+        sable::WriterLock fdLock(fdMutex);
+        ret = closeFdAction.load() == -1 ? -ECANCELED : PrepareWriteFifo(remaining);
+        if (ret < 0) {
+            fdLock.Unlock();
+            return OpenStepFailed(ret);
         }
-        return ret;
+        rfd = OpenReadFd();
+        if (rfd >= 0) {
+            readFd.store(rfd);
+        }
+    } else {
+        ret = PrepareWriteFifo(remaining);
+        if (ret < 0) {
+            return OpenStepFailed(ret);
+        }
+        rfd = OpenReadFd();
+        if (rfd >= 0) {
+            sable::WriterLock fdLock(fdMutex);
+            if (closeFdAction.load() == -1) {
+                close(rfd);
+                return -ECANCELED;
+            }
+            readFd.store(rfd);
+        }
     }
-    int rfd = OpenReadFd();
     if (rfd < 0) {
         LOGE("Open pipe readFd failed, ret = %d, pipeName = %s.\n", rfd, readFifoName.c_str());
         observer.OnOpenFailed(fd.load());
         return rfd;
-    }
-    {
-        sable::WriterLock fdLock(fdMutex);
-        if (closeFdAction.load() == -1) {
-            close(rfd);
-            return -ECANCELED;
-        }
-        readFd.store(rfd);
     }
     outReqList.Enable();
     ret = observer.OnPipeOpened(rfd, fd.load(), shared_from_this());
@@ -332,7 +344,10 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
     }
     if (mode != SABLO_MODE_JOIN && timeout > 0) {
         std::shared_ptr<SablePipeImpl> self = shared_from_this();
-        ret = observer.OnAsyncRequestIn([self]() { HandleServerOpen(self); }, priority);
+        ret = observer.OnWaitForWriter(self, timeout);
+        if (ret == -ENOSYS) {
+            ret = observer.OnAsyncRequestIn([self]() { HandleServerOpen(self); }, priority);
+        }
         if (ret != 0) {
             LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, rfd,
                  remoteName.c_str());
@@ -343,16 +358,29 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
     return 0;
 }
 
+int SablePipeImpl::OpenStepFailed(int ret) {
+    if (ret == -ETIMEDOUT || ret == -ECANCELED) {
+        LOGI("Open pipe to %s, err %d (%s).\n", remoteName.c_str(), ret, strerror(-ret));
+    } else {
+        LOGE("Open pipe to %s failed, err = %d, errno = %d.\n", remoteName.c_str(), ret, errno);
+    }
+    return ret;
+}
+
 void SablePipeImpl::HandleServerOpen(std::shared_ptr<SablePipeImpl> pipe) {
     int ret = pipe->RetryOpenWriteFifo(500000);
-    if (ret >= 0) {
-        return;
+    if (ret < 0) {
+        pipe->OnWriteOpenFailed(ret);
     }
+}
+
+void SablePipeImpl::OnWriteOpenFailed(int ret) {
+    // -1: the pipe was closed meanwhile, which is nothing to report.
     if (ret != -1) {
-        LOGE("Self=>Remote:%s=>%s open pipe failed, ret=%d.\n", pipe->myName.c_str(),
-             pipe->remoteName.c_str(), ret);
+        LOGE("Self=>Remote:%s=>%s open pipe failed, ret=%d.\n", myName.c_str(), remoteName.c_str(),
+             ret);
     }
-    pipe->HandleRemoteClosed();
+    HandleRemoteClosed();
 }
 
 // ---------------------------------------------------------------- send and receive
@@ -376,6 +404,9 @@ int SablePipeImpl::Send(OutMessage& msg) {
          remoteName.c_str());
     if (writeFd.load(std::memory_order_relaxed) < 0) {
         int ret = OpenWriteFifo();
+        if (ret == -1 && closeFdAction.load() == -1) {
+            ret = -EPIPE;  // closed: answered like a pipe whose remote has gone
+        }
         if (ret < 0) {
             LOGI("write msg type=%u open write failed, err=%d, fd=%d, target=%s\n", msg.type, ret,
                  fd.load(), remoteName.c_str());
@@ -756,6 +787,8 @@ void SablePipeImpl::CloseFd() {
         }
         unlink(readFifoName.c_str());
         LOGI("closefd unlink read=%s\n", readFifoName.c_str());
+    } else if (mode == SABLO_MODE_CREATE) {
+        unlink(readFifoName.c_str());  // an open that failed after making it
     }
     old = writeFd.exchange(-1);
     if (old >= 0) {

@@ -47,7 +47,11 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Path of the FIFO that `self` writes to `remote`; "" when it cannot be formed.
     virtual std::string AssembleFifoName(const std::string& self, const std::string& remote,
                                          SabloDomain domain) const;
-    std::string GetTableKey() const { return AssembleTableKey(myName + remoteName); }
+    // The two names with a NUL between them, which no name can contain: two different pairs
+    // never share a key.
+    std::string GetTableKey() const {
+        return AssembleTableKey(myName + std::string(1, '\0') + remoteName);
+    }
     static std::string AssembleTableKey(const std::string& name) { return name; }
     std::string GetMyName() const { return myName; }
     const std::string& GetRemoteName() const { return remoteName; }
@@ -63,7 +67,11 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int PrepareWriteFifo(int timeoutMs);
     int OpenReadFd();
     int CreateAndOpenFifo(const std::string& name, int oflag);
+    // Worker: waits (every 0.5 s, within the open time-out) for the creating end's write end.
     static void HandleServerOpen(std::shared_ptr<SablePipeImpl> pipe);
+    // The creating end's write end could not be opened (`ret`): logged unless the pipe was
+    // closed (-1), then the pipe is treated as closed by its remote.
+    void OnWriteOpenFailed(int ret);
 
     // --- send and receive ---
     // Never blocks: -EAGAIN when the FIFO is full, -EPIPE when the reader has gone (no SIGPIPE
@@ -148,6 +156,14 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     void ExceptionHandler();
     bool IsCallbackHandleRemoteClose() const { return isCallbackHandleRemoteClose.load(); }
 
+    // Bookkeeping of the table (under its lock): opens of this pipe in progress, and whether an
+    // open succeeded, so that its number is in a caller's hands.
+    void BeginOpen() { openers.fetch_add(1); }
+    int EndOpen() { return openers.fetch_sub(1) - 1; }
+    int Openers() const { return openers.load(); }
+    void MarkHandedOut() { handedOut.store(true); }
+    bool HandedOut() const { return handedOut.load(); }
+
     int GetReadFd() const { return readFd.load(std::memory_order_relaxed); }
     int GetWriteFd() const { return writeFd.load(std::memory_order_relaxed); }
     int GetCloseFdAction() const { return closeFdAction.load(); }
@@ -155,6 +171,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     const std::string& GetReadFifoName() const { return readFifoName; }
 
   protected:
+    // Logs a failed open step as TimedOpen does and returns `ret`.
+    int OpenStepFailed(int ret);
     enum class ReadStatus { FRAME, DROPPED, EMPTY, END };
     // Reads one frame and dispatches it. Between frames an empty FIFO (EMPTY) or its end (END)
     // is nothing to report.
@@ -191,6 +209,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     std::string writeFifoName;
     std::string readFifoName;
     std::atomic<unsigned int> nextId{0};
+    std::atomic<int> openers{0};
+    std::atomic<bool> handedOut{false};
 
     // Serialises TimedOpen; taken first, before any other lock of the pipe.
     std::timed_mutex openMutex;

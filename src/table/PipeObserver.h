@@ -2,6 +2,8 @@
 #ifndef SABLE_TABLE_PIPE_OBSERVER_H
 #define SABLE_TABLE_PIPE_OBSERVER_H
 
+#include <errno.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -37,6 +39,13 @@ class PipeObserver {
             workerKey, [held]() { (*held)(); }, priority);
         if (ret == 0) task.reset();
         return ret;
+    }
+    // A creating end waits for its peer to read: open `pipe`'s write end as soon as it can,
+    // within `timeoutMs`, and treat the pipe as closed by the remote when that fails.
+    // 0 or a negative errno; -ENOSYS means the observer has no opener, and the pipe then gives
+    // the wait to a worker (SablePipeImpl::HandleServerOpen).
+    virtual int OnWaitForWriter(const std::shared_ptr<SablePipeImpl>& /*pipe*/, int /*timeoutMs*/) {
+        return -ENOSYS;
     }
     // A pipe whose receive side paused (its worker was full) may be read again: the receive
     // thread of its monitor type resumes it.

@@ -12,11 +12,15 @@
 #include "log/NuxSyslog.h"
 #include "pipe/SableClientPipe.h"
 #include "pipe/SablePipeImpl.h"
+#include "pipe/WriteOpener.h"
 #include "pool/CallbackPool.h"
 
-SableTable::SableTable(const std::shared_ptr<CallbackPool>& pool) : callbackPool(pool) {}
+SableTable::SableTable(const std::shared_ptr<CallbackPool>& pool)
+    : callbackPool(pool), writeOpener(std::make_unique<WriteOpener>()) {}
 
 SableTable::~SableTable() {
+    // Its thread may still be telling pipes of the table that their peer never came.
+    writeOpener.reset();
     // Gives callbacks that are just finishing a moment before everything is torn down.
     usleep(50000);
     DisableSableTable();
@@ -47,10 +51,24 @@ int SableTable::MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type) {
     }
     const std::string key = pipe->GetTableKey();
     std::shared_ptr<SablePipeImpl> target;
+    std::shared_ptr<SablePipeImpl> replaced;
     int result = 0;
     {
         sable::WriterLock lock(tableLock);
         auto it = pipeKeyTable.find(key);
+        // A pipe of the pair whose descriptors are closed (its remote went) gives way to a new
+        // one, so that a restarted peer can be reached again. So does any pipe of a client that
+        // connects anew: a connect packet only comes from a client that opens afresh.
+        if (it != pipeKeyTable.end() && it->second->Openers() == 0 &&
+            (it->second->GetCloseFdAction() == -1 || type == SABLO_SERVER_PIPE)) {
+            replaced = it->second;
+            const int oldFd = replaced->GetPipeFd();
+            RemoveDataMonitor(oldFd);
+            pipeFdTable.erase(oldFd);
+            pipeKeyTable.erase(it);
+            LOGI("pipe(%d) is removed from table\n", oldFd);
+            it = pipeKeyTable.end();
+        }
         if (it != pipeKeyTable.end()) {
             target = it->second;
             result = target->GetPipeFd();
@@ -62,9 +80,22 @@ int SableTable::MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type) {
             }
             target = pipe;
         }
+        target->BeginOpen();
     }
-    pipe.reset();  // an unused duplicate goes here, outside the lock
+    if (target != pipe) {
+        pipe.reset();  // an unused duplicate goes here, outside the lock
+    }
+    if (replaced) {
+        // Its user hears of the close (a null request) and its files go before the new pipe
+        // makes its own; its number answers -ENOENT from now on.
+        replaced->HandleRemoteClosed();
+        replaced.reset();
+    }
     int status = target->TimedOpen(attr->timeout);
+    if (FinishOpen(target, result, status)) {
+        target->DeInitPipe();
+        callbackPool->FreeWorker(std::to_string(result));
+    }
     if (status == -ETIMEDOUT) {
         LOGI("AddPipe timedout when open\n");
         return status;
@@ -78,6 +109,28 @@ int SableTable::MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type) {
         return status;
     }
     return result;
+}
+
+bool SableTable::FinishOpen(const std::shared_ptr<SablePipeImpl>& pipe, int fd, int status) {
+    sable::WriterLock lock(tableLock);
+    const int others = pipe->EndOpen();
+    if (status >= 0) {
+        pipe->MarkHandedOut();
+        return false;
+    }
+    // Nobody holds the number of a pipe whose every open failed: it must not keep its slot.
+    if (pipe->HandedOut() || others > 0) {
+        return false;
+    }
+    auto it = pipeFdTable.find(fd);
+    if (it == pipeFdTable.end() || it->second != pipe) {
+        return false;  // closed meanwhile
+    }
+    RemoveDataMonitor(fd);
+    pipeFdTable.erase(it);
+    pipeKeyTable.erase(pipe->GetTableKey());
+    LOGI("pipe(%d) is removed from table\n", fd);
+    return true;
 }
 
 int SableTable::Insert(std::shared_ptr<SablePipeImpl> pipe) {
@@ -265,4 +318,12 @@ void SableTable::OnPipeResume(int fd, DataMonitorType type) {
     if (type >= 0 && type < DATA_MONITOR_TYPE_NUM && monitors[type]) {
         monitors[type]->RequestResume(fd);
     }
+}
+
+int SableTable::OnWaitForWriter(const std::shared_ptr<SablePipeImpl>& pipe, int timeoutMs) {
+    return writeOpener ? writeOpener->Add(pipe, timeoutMs) : -EACCES;
+}
+
+size_t SableTable::PendingWriteOpens() const {
+    return writeOpener ? writeOpener->Pending() : 0;
 }

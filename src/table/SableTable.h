@@ -13,6 +13,7 @@
 #include "table/PipeObserver.h"
 
 class CallbackPool;
+class WriteOpener;
 class SablePipeImpl;
 
 // Hands out pipe numbers (from 1, never reused), finds pipes by number, keeps one receive
@@ -35,6 +36,11 @@ class SableTable : public PipeObserver {
     // (-ENOMEM with 1024 pipes open, -ETIMEDOUT, -ECANCELED, or the open's error).
     int MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type);
     int Insert(std::shared_ptr<SablePipeImpl> pipe) REQUIRES(tableLock);
+    // After an open of `pipe` (number `fd`) ended with `status`: true when the pipe was taken out
+    // of the table because no caller holds its number and no other open uses it (the caller
+    // then closes it).
+    bool FinishOpen(const std::shared_ptr<SablePipeImpl>& pipe, int fd, int status)
+        EXCLUDES(tableLock);
     std::shared_ptr<SablePipeImpl> GetPipe(int fd);
     // Removes the pipe from its monitor and the table, then closes it. Unknown numbers: no-op.
     void CloseSablePipe(int fd);
@@ -62,6 +68,9 @@ class SableTable : public PipeObserver {
     int OnRequestTaskIn(const std::string& workerKey, std::shared_ptr<const SableTask>& task,
                         SabloPriority priority) override;
     void OnPipeResume(int fd, DataMonitorType type) override;
+    int OnWaitForWriter(const std::shared_ptr<SablePipeImpl>& pipe, int timeoutMs) override;
+    // Creating ends still waiting for their peer to read (diagnostics and tests).
+    size_t PendingWriteOpens() const;
 
   private:
     // Guards the two maps; a pipe is in one exactly when it is in the other.
@@ -76,6 +85,8 @@ class SableTable : public PipeObserver {
     sable::Mutex closeLock;
     std::unique_ptr<DataMonitorImpl> monitors[DATA_MONITOR_TYPE_NUM] GUARDED_BY(monitorLock);
     std::atomic<bool> isDisable{false};
+    // The one thread that opens the write ends creating ends wait for; stopped first.
+    std::unique_ptr<WriteOpener> writeOpener;
 };
 
 #endif

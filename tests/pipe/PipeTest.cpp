@@ -144,7 +144,7 @@ TEST(PipeSend, FullFifoIsEagainAGoneReaderEpipeAndAClosedPipeStaysClosed) {
 
     a->CloseFd();
     const auto fds = OpenFds();
-    EXPECT_EQ(a->Send(p.Request(), 100), -1);
+    EXPECT_EQ(a->Send(p.Request(), 100), -EPIPE) << "a closed pipe answers as a gone remote";
     EXPECT_EQ(a->OpenWriteFifo(), -1);
     EXPECT_LT(a->GetWriteFd(), 0);
     EXPECT_EQ(OpenFds(), fds);
