@@ -1,0 +1,95 @@
+// The other process of the flow and recovery tests, through the public interface only.
+//
+//   stream_peer send SELF TARGET MODE COUNT SIZE
+//       send COUNT one-way requests of SIZE bytes (>= 4) whose first 4 bytes are 0..COUNT-1,
+//       retrying while the FIFO is full (-EAGAIN) or not yet read (-ENXIO); report "eagain" at
+//       the first -EAGAIN and "sent <n>" once all went (or "stopped <n>" when the remote went
+//       away: -EPIPE). Exit 0 once the remote has closed (3 when it has not within 30 s).
+//   stream_peer echo SELF TARGET MODE
+//       answer every request with its own payload until killed; exit 3 after 60 s.
+// MODE is 0 (join) or 1 (create). Both report "ready <fd>" once open; exit 20 when the open
+// fails.
+#include <errno.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "sable_comm.h"
+
+namespace {
+
+std::atomic<bool> remoteClosed{false};
+
+void Echo(int fd, SabloRequest* req) {
+    if (req == nullptr) {
+        remoteClosed = true;
+        return;
+    }
+    SabloResponse rsp{req->id, req->data, req->size};
+    SabloSendResponse(fd, &rsp);
+}
+
+int Open(const char* self, const char* target, const char* mode, SabloCallback cb) {
+    SabloAttr attr;
+    attr.selfName = self;
+    attr.targetName = target;
+    attr.mode = std::string(mode) == "1" ? SABLO_MODE_CREATE : SABLO_MODE_JOIN;
+    attr.timeout = 10000;
+    attr.callback = std::move(cb);
+    int fd = SabloOpen(&attr);
+    if (fd < 0) _exit(20);
+    sable_test::SignalReady("ready " + std::to_string(fd));
+    return fd;
+}
+
+bool WaitFor(const std::atomic<bool>& flag, int seconds) {
+    for (int i = 0; i < seconds * 500 && !flag; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return flag;
+}
+
+int Send(const char* self, const char* target, const char* mode, uint32_t count, uint32_t size) {
+    int fd = Open(self, target, mode, Echo);
+    std::vector<uint8_t> payload(size < 4 ? 4 : size, 0x5a);
+    bool reported = false;
+    uint32_t seq = 0;
+    for (; seq < count; ++seq) {
+        memcpy(payload.data(), &seq, sizeof(seq));
+        SabloRequest req{seq, payload.data(), static_cast<uint32_t>(payload.size())};
+        int ret;
+        while ((ret = SabloSendRequest(fd, &req)) == -EAGAIN || ret == -ENXIO) {
+            if (ret == -EAGAIN && !reported) {
+                sable_test::SignalReady("eagain");
+                reported = true;
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+        if (ret != 0) break;
+    }
+    sable_test::SignalReady((seq == count ? "sent " : "stopped ") + std::to_string(seq));
+    return WaitFor(remoteClosed, 30) ? 0 : 3;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string cmd = argc > 1 ? argv[1] : "";
+    if (cmd == "send" && argc == 7) {
+        return Send(argv[2], argv[3], argv[4], static_cast<uint32_t>(atoi(argv[5])),
+                    static_cast<uint32_t>(atoi(argv[6])));
+    }
+    if (cmd == "echo" && argc == 5) {
+        Open(argv[2], argv[3], argv[4], Echo);
+        std::this_thread::sleep_for(std::chrono::seconds(60));
+        return 3;
+    }
+    return 2;
+}
