@@ -76,20 +76,20 @@ OutSyncTimedRequest::OutSyncTimedRequest(std::shared_ptr<SablePipeImpl> owner, u
 }
 
 void OutSyncTimedRequest::Process(SabloResponse& received) {
-    bool wake;
-    {
-        sable::MutexLock lock(mutex);
-        if (withdrawn) {
-            delete[] received.data;
-            received.data = nullptr;
-            return;
-        }
-        *response = received;
-        wake = CancelLocked();
+    if (Deliver(received)) {
+        Wake();
     }
-    if (wake) {
-        cond.NotifyOne();
+}
+
+bool OutSyncTimedRequest::Deliver(SabloResponse& received) {
+    sable::MutexLock lock(mutex);
+    if (withdrawn) {
+        delete[] received.data;
+        received.data = nullptr;
+        return false;
     }
+    *response = received;
+    return CancelLocked();
 }
 
 int OutSyncTimedRequest::Wait() {

@@ -18,6 +18,13 @@ class OutRequest {
 
     // Delivers the response (ownership of its data passes on).
     virtual void Process(SabloResponse& response) = 0;
+    // Process in two steps, so that the waiter is woken after the caller's own locks are
+    // released: Deliver hands the response over and tells whether Wake must follow.
+    virtual bool Deliver(SabloResponse& response) {
+        Process(response);
+        return false;
+    }
+    virtual void Wake() {}
     virtual int Wait() = 0;
     virtual void Init() {}
     // Releases a waiter; remembered when it comes before Wait.
@@ -66,6 +73,8 @@ class OutSyncTimedRequest : public OutTimedRequest {
     // Copies the response into the caller's record and releases the waiter; a response that
     // comes after the waiter gave up is freed here instead.
     void Process(SabloResponse& received) override;
+    bool Deliver(SabloResponse& received) override;
+    void Wake() override { cond.NotifyOne(); }
     // 0 with the response filled, -ETIMEDOUT, or -EPIPE when released without a response
     // (the pipe was closed).
     int Wait() override;

@@ -338,6 +338,9 @@ int SablePipeImpl::TimedOpen(int timeoutMs) {
     }
     outReqList.Enable();
     ret = observer.OnPipeOpened(rfd, fd.load(), shared_from_this());
+    if (ret == -ECANCELED) {
+        return OpenStepFailed(ret);  // closed meanwhile: nothing is wrong
+    }
     if (ret != 0) {
         LOGE("Notify observer to add readFd(%d) failed, remote(%s).\n", rfd, remoteName.c_str());
         return ret;
@@ -693,14 +696,20 @@ void SablePipeImpl::RunRequest(InRequest* request, const Handler& handler, int p
 
 void SablePipeImpl::ProcessResponse(InMessage& msg) {
     std::shared_ptr<OutRequest> waiting;
+    bool wake = false;
     {
+        // Delivered under the mutex: a caller that finds its entry gone finds its record
+        // filled. Woken after it: the caller's next call takes this mutex at once.
         sable::MutexLock lock(outReqMutex);
         waiting = outReqList.Pop(msg.id);
         if (waiting) {
             SabloResponse response{msg.id, reinterpret_cast<uint8_t*>(msg.ReleaseData()),
                                    msg.payloadLen};
-            waiting->Process(response);
+            wake = waiting->Deliver(response);
         }
+    }
+    if (wake) {
+        waiting->Wake();
     }
 }
 

@@ -23,7 +23,8 @@ class PipeObserver {
     // A task for any worker. May block until a worker is free. 0 or a negative errno.
     virtual int OnAsyncRequestIn(const std::function<void()>& task,
                                  SabloPriority priority) const = 0;
-    // The pipe's read side is open: start receiving on `readFd`. 0 or a negative errno.
+    // The pipe's read side is open: start receiving on `readFd`. 0 or a negative errno
+    // (-ECANCELED: the pipe was closed meanwhile and is not watched).
     virtual int OnPipeOpened(int readFd, int fd, std::shared_ptr<SablePipeImpl> pipe) = 0;
     virtual void OnOpenFailed(int fd) = 0;
     // The remote has gone: stop receiving for `fd` (the pipe stays registered until closed).

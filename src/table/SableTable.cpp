@@ -197,7 +197,17 @@ int SableTable::InitMonitor(SabloPriority priority, DataMonitorType type) {
 }
 
 int SableTable::OnPipeOpened(int readFd, int fd, std::shared_ptr<SablePipeImpl> pipe) {
-    sable::MutexLock lock(monitorLock);
+    // Under the table lock: a close takes the pipe out of the table (and its monitor) under
+    // this lock before it closes the descriptors, so the read end is registered either before
+    // that (and removed by it) or not at all, and never after its descriptor was closed.
+    sable::ReaderLock lock(tableLock);
+    if (pipe) {
+        auto it = pipeFdTable.find(fd);
+        if (it == pipeFdTable.end() || it->second != pipe) {
+            return -ECANCELED;  // closed while it opened
+        }
+    }
+    sable::MutexLock monitorGuard(monitorLock);
     DataMonitorImpl* monitor =
         pipe ? monitors[pipe->GetPipeDataMonitorType()].get() : monitors[1].get();
     if (monitor == nullptr) {
