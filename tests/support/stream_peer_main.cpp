@@ -7,6 +7,9 @@
 //       away: -EPIPE). Exit 0 once the remote has closed (3 when it has not within 30 s).
 //   stream_peer echo SELF TARGET MODE
 //       answer every request with its own payload until killed; exit 3 after 60 s.
+//   stream_peer serve NAME
+//       a server NAME whose client pipes answer every request with its own payload; report
+//       "server <result of SabloCreateServer>" and serve until killed; exit 3 after 120 s.
 // MODE is 0 (join) or 1 (create). Both report "ready <fd>" once open; exit 20 when the open
 // fails.
 #include <errno.h>
@@ -89,6 +92,12 @@ int main(int argc, char** argv) {
     if (cmd == "echo" && argc == 5) {
         Open(argv[2], argv[3], argv[4], Echo);
         std::this_thread::sleep_for(std::chrono::seconds(60));
+        return 3;
+    }
+    if (cmd == "serve" && argc == 3) {
+        SabloServerAttr attr{nullptr, Echo, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, argv[2]};
+        sable_test::SignalReady("server " + std::to_string(SabloCreateServer(&attr)));
+        std::this_thread::sleep_for(std::chrono::seconds(120));
         return 3;
     }
     return 2;

@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -168,8 +171,8 @@ TEST(Recovery, ACloseRacingAnOpenLeavesNoFile) {
         });
         const int fd = Open(self, target, SABLO_MODE_CREATE, 0);
         closer.join();
-        EXPECT_TRUE(fd == next || fd == -ECANCELED) << "open gave " << fd << ", expected " << next
-                                                     << " at delay " << (i % 50) * 20;
+        EXPECT_TRUE(fd == next || fd == -ECANCELED)
+            << "open gave " << fd << ", expected " << next << " at delay " << (i % 50) * 20;
         if (fd > 0) SabloClosePipe(fd);
         ASSERT_TRUE(FifoFilesWith(target).empty()) << "after a close at delay " << (i % 50) * 20;
     }
@@ -190,6 +193,58 @@ TEST(Recovery, ARemoteCloseWithPendingFramesLogsNoError) {
     EXPECT_EQ(requestsSeen.load(), 200);
     for (const auto& line : cap.Lines()) EXPECT_GT(line.level, LOG_ERR) << line.text;
     EXPECT_TRUE(WaitUntil([&] { return FifoFilesWith(self).empty(); }, 10000));
+}
+
+// A field of /proc/<pid>/status ("Threads", "VmRSS" in kB).
+long StatusField(pid_t pid, const std::string& field) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string key;
+    long value = -1;
+    while (status >> key) {
+        if (key == field + ":") {
+            status >> value;
+            break;
+        }
+        status.ignore(4096, '\n');
+    }
+    return value;
+}
+
+// Clients come and go as fast as they can: each one connects, makes one RPC and closes, under
+// one name again and again, then under a new name each time.
+TEST(Recovery, ClientChurnAgainstAServerAnswersEveryCallWithFewThreadsAndFlatMemory) {
+    sable_test::EnsureFifoDir();
+    const std::string server = UniqueName("srv");
+    ChildProcess child("stream_peer", {"serve", server});
+    ASSERT_EQ(child.ReadLine(), "server 0");
+    const std::string same = UniqueName("cli");
+    long rssAfterWarmUp = 0;
+    for (int cycle = 0; cycle < 600; ++cycle) {
+        const std::string self = cycle < 300 ? same : UniqueName("cli");
+        SabloAttr attr;
+        attr.selfName = self.c_str();
+        attr.targetName = server.c_str();
+        attr.mode = SABLO_MODE_JOIN;
+        attr.timeout = 5000;
+        attr.priority = SABLO_PRIORITY_DEFAULT;
+        const int fd = SabloCreateClient(&attr);
+        ASSERT_GT(fd, 0) << "cycle " << cycle;
+        ASSERT_EQ(Rpc(fd), 0) << "cycle " << cycle;
+        SabloClosePipe(fd);
+        if (cycle == 50) rssAfterWarmUp = StatusField(child.Pid(), "VmRSS");
+    }
+    const long threads = StatusField(child.Pid(), "Threads");
+    const long rss = StatusField(child.Pid(), "VmRSS");
+    std::printf("server after 600 clients: %ld threads, VmRSS %ld kB (%ld kB after 50)\n", threads,
+                rss, rssAfterWarmUp);
+    EXPECT_LE(threads, 40) << "server threads";
+    EXPECT_LE(rss - rssAfterWarmUp, 8 * 1024) << "server RSS grew from " << rssAfterWarmUp << " kB";
+    child.Kill(SIGKILL);
+    child.ExpectExit(128 + SIGKILL);
+    ASSERT_EQ(child.Wait(), 128 + SIGKILL);
+    // The killed server leaves its files; this process removes what it can reach.
+    for (const auto& name : FifoFilesWith(server))
+        unlink((sable_test::EnsureFifoDir() + name).c_str());
 }
 
 }  // namespace
