@@ -34,6 +34,21 @@ constexpr int kLongRunModeMs = 18000000;  // five hours
 constexpr uint32_t kMaxConcurrentCallbacks = 200;
 constexpr size_t kMaxFrameSize = Message::MAX_PAYLOAD_LEN + 32;
 
+// The pipe whose turn the calling receive thread is in: its requests are gathered and queued
+// together at the end of the turn.
+thread_local SablePipeImpl* batchingPipe = nullptr;
+
+class TurnOf {
+  public:
+    explicit TurnOf(SablePipeImpl* pipe) : previous(batchingPipe) { batchingPipe = pipe; }
+    ~TurnOf() { batchingPipe = previous; }
+    TurnOf(const TurnOf&) = delete;
+    TurnOf& operator=(const TurnOf&) = delete;
+
+  private:
+    SablePipeImpl* previous;
+};
+
 // Budget in microseconds of a wait of `timeoutMs`; 0 means no limit.
 uint64_t BudgetUs(int timeoutMs) {
     return timeoutMs < 1 ? 0 : static_cast<uint64_t>(timeoutMs) * 1000;
@@ -524,6 +539,18 @@ SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event
     if ((event.events & (EPOLLIN | EPOLLHUP)) == 0) {
         return ReceiveResult::DONE;
     }
+    ReceiveResult result = Turn(hangUp, record);
+    FlushBatch();
+    if (result == ReceiveResult::DONE && hangUp) {
+        LOGI("%s=>%s readFd(%d) read msg 0, remote is closed\n", myName.c_str(), remoteName.c_str(),
+             readFd.load());
+        HandleRemoteClosed();
+    }
+    return result;
+}
+
+SablePipeImpl::ReceiveResult SablePipeImpl::Turn(bool hangUp, SableComm::EpollTimeRecord& record) {
+    TurnOf turn(this);
     for (int handled = 0;; ++handled) {
         if (backlog.load() >= BACKLOG_PAUSE && PauseReceive()) {
             return ReceiveResult::PAUSED;  // a hang-up is seen again once the pipe resumes
@@ -546,11 +573,6 @@ SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event
         if (status == ReadStatus::DROPPED && inBuffer.Consumed() == before) {
             break;  // nothing could be read at all
         }
-    }
-    if (hangUp) {
-        LOGI("%s=>%s readFd(%d) read msg 0, remote is closed\n", myName.c_str(), remoteName.c_str(),
-             readFd.load());
-        HandleRemoteClosed();
     }
     return ReceiveResult::DONE;
 }
@@ -637,6 +659,15 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     const int pipeFd = fd.load();
     const bool isRequest = request != nullptr;
     int ret = 0;
+    if (isConcur == 0 && isRequest && batchingPipe == this && &handler == &serviceHandler) {
+        // In this pipe's receive turn: queued with the other requests of the turn.
+        backlog.fetch_add(1);
+        batch.push_back(std::move(request));
+        if (batch.size() >= BATCH_MAX) {
+            FlushBatch();
+        }
+        return;
+    }
     if (isConcur == 0) {
         std::shared_ptr<const SableTask> task =
             std::make_shared<RequestTask>(std::move(self), std::move(request), handler, pipeFd);
@@ -666,6 +697,27 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
         }
     }
     if (ret != 0) {
+        LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),
+             remoteName.c_str());
+    }
+}
+
+void SablePipeImpl::FlushBatch() {
+    if (batch.empty()) {
+        return;
+    }
+    const size_t count = batch.size();
+    std::shared_ptr<SablePipeImpl> self = weak_from_this().lock();
+    int ret = -EPIPE;
+    if (self) {
+        const int pipeFd = fd.load();
+        std::shared_ptr<const SableTask> task = std::make_shared<RequestTask>(
+            std::move(self), std::move(batch), serviceHandler, pipeFd);
+        ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
+    }
+    batch.clear();
+    if (ret != 0) {
+        backlog.fetch_sub(static_cast<uint32_t>(count));  // nothing was queued
         LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),
              remoteName.c_str());
     }

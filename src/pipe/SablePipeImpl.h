@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "base/Mutex.h"
 #include "monitor/DataMonitorImpl.h"
@@ -109,6 +110,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // request that was read always finds room.
     static constexpr uint32_t BACKLOG_PAUSE = 992;
     static constexpr uint32_t BACKLOG_RESUME = 496;
+    // Requests of one turn handed to the worker together (one task, one wake-up).
+    static constexpr size_t BATCH_MAX = 64;
 
     // --- dispatch ---
     virtual void ProcessMessage(InMessage& msg);
@@ -181,6 +184,10 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     bool PauseReceive();
     // A request of the pipe's own worker has finished.
     void OnQueuedRequestDone();
+    // Receive thread: queues the requests gathered during this turn as one task.
+    void FlushBatch();
+    // Receive thread: reads and handles frames for one turn (see HandleEvent).
+    ReceiveResult Turn(bool hangUp, SableComm::EpollTimeRecord& record);
     // Re-forms both FIFO names after a change of `myName`.
     void FormFifoNames();
     int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
@@ -234,6 +241,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     std::atomic<bool> receivePaused{false};
     // Read and not yet parsed; receive thread only.
     FrameBuffer inBuffer;
+    // Requests read during the present turn, not yet queued; receive thread only.
+    std::vector<std::shared_ptr<InRequest>> batch;
     std::atomic<bool> isCallbackHandleRemoteClose{false};
     // Guards the out-request list against the response path; taken before the list's own
     // mutex and before a request's mutex.

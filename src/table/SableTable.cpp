@@ -93,7 +93,6 @@ int SableTable::MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type) {
     }
     int status = target->TimedOpen(attr->timeout);
     if (FinishOpen(target, result, status)) {
-        target->DeInitPipe();
         callbackPool->FreeWorker(std::to_string(result));
     }
     if (status == -ETIMEDOUT) {
@@ -127,6 +126,7 @@ bool SableTable::FinishOpen(const std::shared_ptr<SablePipeImpl>& pipe, int fd, 
         return false;  // closed meanwhile
     }
     RemoveDataMonitor(fd);
+    pipe->DeInitPipe();  // before it leaves the table, as in CloseSablePipe
     pipeFdTable.erase(it);
     pipeKeyTable.erase(pipe->GetTableKey());
     LOGI("pipe(%d) is removed from table\n", fd);
@@ -246,11 +246,13 @@ void SableTable::CloseSablePipe(int fd) {
             return;
         }
         pipe = it->second;
+        // Closed before it leaves the table: its files are gone before the same pair can be
+        // opened anew (a close that unlinked after that would remove the new pipe's files).
+        pipe->DeInitPipe();
         pipeFdTable.erase(it);
         pipeKeyTable.erase(pipe->GetTableKey());
         LOGI("pipe(%d) is removed from table\n", fd);
     }
-    pipe->DeInitPipe();
     if (!pipe->IsCallbackHandleRemoteClose()) {
         callbackPool->FreeWorker(std::to_string(fd));
     }

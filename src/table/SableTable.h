@@ -36,9 +36,9 @@ class SableTable : public PipeObserver {
     // (-ENOMEM with 1024 pipes open, -ETIMEDOUT, -ECANCELED, or the open's error).
     int MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type);
     int Insert(std::shared_ptr<SablePipeImpl> pipe) REQUIRES(tableLock);
-    // After an open of `pipe` (number `fd`) ended with `status`: true when the pipe was taken out
-    // of the table because no caller holds its number and no other open uses it (the caller
-    // then closes it).
+    // After an open of `pipe` (number `fd`) ended with `status`: true when the pipe was closed
+    // and taken out of the table because no caller holds its number and no other open uses it
+    // (the caller then frees its worker).
     bool FinishOpen(const std::shared_ptr<SablePipeImpl>& pipe, int fd, int status)
         EXCLUDES(tableLock);
     std::shared_ptr<SablePipeImpl> GetPipe(int fd);
