@@ -18,10 +18,18 @@ bool IsTableClass(SabloPriority prio) {
 }  // namespace
 
 void Worker::Semaphore::Post() {
-    sable::MutexLock lock(mu);
-    ++count;
-    if (count < 1) {
-        wakeFlag = true;
+    bool wake = false;
+    {
+        sable::MutexLock lock(mu);
+        ++count;
+        if (count < 1) {
+            wakeFlag = true;
+            wake = true;
+        }
+    }
+    // Woken after the unlock: a thread woken under the lock would only block on it again.
+    // The worker is the only waiter and the semaphore lives as long as the worker.
+    if (wake) {
         cv.NotifyOne();
     }
 }
