@@ -35,6 +35,14 @@ class FrameBuffer {
     ssize_t Fill(int fd);
     // Bytes read and not yet taken.
     size_t Available() const { return end - begin; }
+    // The buffered bytes (Available() of them), for a reader that parses in place; valid until
+    // the next Take, Fill or Release.
+    const uint8_t* Peek() const { return storage.get() + begin; }
+    // Consumes `n` <= Available() bytes that the caller took through Peek().
+    void Skip(size_t n) {
+        begin += n;
+        consumed += n;
+    }
     // Bytes taken so far, in all: tells a reader whether an attempt consumed anything.
     uint64_t Consumed() const { return consumed; }
     // Forgets the buffered bytes and frees the storage.

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "base/safe_c.h"
+#include "pipe/FrameBuffer.h"
 #include "log/NuxSyslog.h"
 #include "log/run_time_record.h"
 
@@ -153,4 +154,37 @@ std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::s
         return nullptr;
     }
     return msg;
+}
+
+bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg) {
+    const size_t avail = buffer.Available();
+    if (avail < kPayloadOffset) {
+        return false;
+    }
+    const uint8_t* at = buffer.Peek();
+    uint32_t header[4];
+    memcpy(header, at, sizeof(header));
+    const uint32_t payloadLen = header[3];
+    if (header[0] != MagicReceiver::MAGIC || payloadLen == 0 ||
+        payloadLen > Message::MAX_PAYLOAD_LEN) {
+        return false;
+    }
+    const size_t size = kPayloadOffset + payloadLen + 16;
+    if (avail < size) {
+        return false;  // cut by the end of the last read
+    }
+    msg.Reset(header[1], header[2], payloadLen);
+    uint8_t* payload = msg.GetData();
+    if (payload == nullptr) {
+        return false;
+    }
+    memcpy(payload, at + kPayloadOffset, payloadLen);
+    uint32_t received = 0;
+    memcpy(&received, at + kPayloadOffset + payloadLen, sizeof(received));
+    if (msg.Checksum() != received) {
+        msg.Reset(0, 0, 0);
+        return false;
+    }
+    buffer.Skip(size);
+    return true;
 }

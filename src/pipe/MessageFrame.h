@@ -35,4 +35,12 @@ std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::s
 // nothing but the payload: true with a complete frame, false otherwise.
 bool ReadFrame(MagicReceiver& rx, InMessage& msg, int readFd, const std::string& remoteName);
 
+class FrameBuffer;
+
+// Takes the first frame of `buffer` into `msg` when it lies there whole and passes every check
+// (magic, length, checksum): then true, and the frame's bytes are consumed. Otherwise false with
+// nothing consumed; the field-by-field reader then takes over and reports whatever is wrong at
+// the same point of the byte stream as it always does. Allocates only the payload.
+bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg);
+
 #endif

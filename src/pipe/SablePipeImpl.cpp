@@ -521,7 +521,7 @@ SablePipeImpl::ReadStatus SablePipeImpl::ReadOne(SableComm::EpollTimeRecord& /*r
             }
             // Any other failure is left to the frame reader, which reads again and reports it.
         }
-        if (!ReadFrame(*this, msg, rfd, remoteName)) {
+        if (!TakeWholeFrame(inBuffer, msg) && !ReadFrame(*this, msg, rfd, remoteName)) {
             return ReadStatus::DROPPED;
         }
     }
