@@ -10,6 +10,19 @@ const uint64_t Message::MAX_PAYLOAD_LEN;
 namespace {
 // A frame must go out in one write that the kernel never splits or interleaves.
 constexpr uint64_t kFifoAtomicWriteSize = 4096;
+
+// The sum of the payload bytes is most of a large frame's cost, on both ends. g++ vectorizes
+// this loop only from -O3 on (clang already at -O2): ask for it here, whatever the build type.
+#if defined(__GNUC__) && !defined(__clang__)
+__attribute__((optimize("tree-vectorize", "vect-cost-model=dynamic")))
+#endif
+uint32_t SumBytes(const uint8_t* bytes, uint32_t len) {
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < len; ++i) {
+        sum += bytes[i];
+    }
+    return sum;
+}
 }  // namespace
 
 Message::Message(unsigned msgId, unsigned msgType, unsigned msgPayloadLen)
@@ -20,9 +33,7 @@ uint32_t Message::Checksum() {
     uint32_t sum = id + type + payloadLen;
     const uint8_t* payload = GetData();
     if (payload != nullptr && payloadLen != 0) {
-        for (uint32_t i = 0; i < payloadLen; ++i) {
-            sum += payload[i];
-        }
+        sum += SumBytes(payload, payloadLen);
     }
     sum += MagicReceiver::MAGIC;
     checksum = sum;
