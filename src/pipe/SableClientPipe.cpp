@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "api/sable_comm_internal.h"
+#include "base/SigpipeHold.h"
 #include "base/UniqueFd.h"
 #include "env/EnvManager.h"
 #include "fifo/nux_fifo.h"
@@ -35,9 +36,18 @@ int SableClientPipe::SendMsgToServer(int serverMonitorFd) {
         LOGE("Msg Init fail, ret = %d\n", ret);
         return ret;
     }
-    ssize_t n = write(serverMonitorFd, msg.Data(), msg.Size());
+    // A server that went after the open must not end this process with SIGPIPE.
+    ssize_t n = 0;
+    int savedErrno = 0;
+    {
+        sable::SigpipeHold sigpipe;
+        n = write(serverMonitorFd, msg.Data(), msg.Size());
+        savedErrno = errno;
+        if (n == -1 && savedErrno == EPIPE) {
+            sigpipe.Discard();
+        }
+    }
     if (n != static_cast<ssize_t>(msg.Size())) {
-        int savedErrno = errno;
         LOGE("write dataIn fail: %ld, serverMonitorFd = %d, errno = %d\n", static_cast<long>(n),
              serverMonitorFd, savedErrno);
         return n < 0 ? -savedErrno : -EIO;

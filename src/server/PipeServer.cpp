@@ -7,7 +7,10 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cxxabi.h>
+
 #include <cstring>
+#include <exception>
 #include <system_error>
 
 #include "api/sable_comm_internal.h"
@@ -136,7 +139,8 @@ int PipeServer::PreparaFifoFile() {
     }
     // Creating the FIFO removes whatever stands at the name, a live server's FIFO included:
     // ask that FIFO's lock first, so a second server fails here and the first keeps serving.
-    if (IsFifoFile(fifoName) == 0) {
+    // A first start finds no file: that is no error, so only an existing file is checked.
+    if (access(fifoName.c_str(), F_OK) == 0 && IsFifoFile(fifoName) == 0) {
         int probe = open(fifoName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (probe >= 0) {
             if (flock(probe, LOCK_EX | LOCK_NB) != 0) {
@@ -315,34 +319,61 @@ void PipeServer::MonitorRoutineLinux() {
 
 void PipeServer::CallSabloOpenAsync(const std::unique_ptr<char[]>& clientName, unsigned int gid,
                                     int pid) const {
-    std::string runMode = EnvManager::GetRunMode();
-    LOGI("RUN_MODE=%s", runMode.c_str());
-    SabloAttr pipeAttr;
-    pipeAttr.selfName = serverName.empty() ? nullptr : serverName.c_str();
-    pipeAttr.targetName = clientName.get();
-    pipeAttr.mode = SABLO_MODE_CREATE;
-    pipeAttr.timeout = runMode == "1" ? kLongRunModeMs : CLIENT_OPEN_TIMEOUT_MS;
-    pipeAttr.targetPid = pid;
-    pipeAttr.gid = gid;
-    pipeAttr.priority = attr.priority;
-    if (attr.callback != nullptr) {
-        pipeAttr.callback = attr.callback;
-    }
-    LOGI(
-        "SabloServerOpen start selfName=%s, targetName=%s, mode=%d, timeout=%d ms, "
-        "targetPid=%d, gid=%u, priority=%d, isConcur=%d\n",
-        serverName.c_str(), clientName.get(), pipeAttr.mode, pipeAttr.timeout, pid, gid,
-        pipeAttr.priority, static_cast<int>(pipeAttr.isConcur));
-    int ret = SabloPipeTypeOpen(&pipeAttr, SABLO_SERVER_PIPE);
-    if (ret >= 1) {
-        if (connectCallback) {
-            LOGI("Enter user callback: %d\n", ret);
-            connectCallback(ret, SabloClientInfo{pid, gid, clientName.get()});
-            LOGI("Finish user callback: %d\n", ret);
+    // Nothing thrown here may leave the server thread (it would end the process): the client is
+    // dropped and the next packet served.
+    int ret = -1;
+    try {
+        std::string runMode = EnvManager::GetRunMode();
+        LOGI("RUN_MODE=%s", runMode.c_str());
+        SabloAttr pipeAttr;
+        pipeAttr.selfName = serverName.empty() ? nullptr : serverName.c_str();
+        pipeAttr.targetName = clientName.get();
+        pipeAttr.mode = SABLO_MODE_CREATE;
+        pipeAttr.timeout = runMode == "1" ? kLongRunModeMs : CLIENT_OPEN_TIMEOUT_MS;
+        pipeAttr.targetPid = pid;
+        pipeAttr.gid = gid;
+        pipeAttr.priority = attr.priority;
+        if (attr.callback != nullptr) {
+            pipeAttr.callback = attr.callback;
         }
-    } else {
-        LOGE("In callback Open pipe %s failed %d.\n", clientName.get(), ret);
+        LOGI(
+            "SabloServerOpen start selfName=%s, targetName=%s, mode=%d, timeout=%d ms, "
+            "targetPid=%d, gid=%u, priority=%d, isConcur=%d\n",
+            serverName.c_str(), clientName.get(), pipeAttr.mode, pipeAttr.timeout, pid, gid,
+            pipeAttr.priority, static_cast<int>(pipeAttr.isConcur));
+        // Priority 1 passes the attribute checks but has no receive monitor: std::out_of_range.
+        ret = SabloPipeTypeOpen(&pipeAttr, SABLO_SERVER_PIPE);
+    } catch (abi::__forced_unwind&) {
+        throw;  // thread exit, not an error
+    } catch (const std::exception& e) {
+        LOGE("Open pipe for client %s threw: %s.\n", clientName.get(), e.what());
+        return;
+    } catch (...) {
+        LOGE("Open pipe for client %s threw: %s.\n", clientName.get(), "unknown exception");
+        return;
     }
+    if (ret < 1) {
+        LOGE("In callback Open pipe %s failed %d.\n", clientName.get(), ret);
+        return;
+    }
+    if (!connectCallback) {
+        return;
+    }
+    LOGI("Enter user callback: %d\n", ret);
+    try {
+        connectCallback(ret, SabloClientInfo{pid, gid, clientName.get()});
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (const std::exception& e) {
+        LOGE("Connect callback of fd=%d threw: %s.\n", ret, e.what());
+        SabloClosePipe(ret);
+        return;
+    } catch (...) {
+        LOGE("Connect callback of fd=%d threw: %s.\n", ret, "unknown exception");
+        SabloClosePipe(ret);
+        return;
+    }
+    LOGI("Finish user callback: %d\n", ret);
 }
 
 int PipeServer::SendMsgToServer(int fd) const {

@@ -47,6 +47,8 @@ class PipeServer : public MagicReceiver {
     void MonitorRoutineLinux();
     // Reads up to `len` bytes once the FIFO is readable; the count or a negative errno.
     int Recv(void* buf, size_t len) override;
+    // Opens the pipe back to a client, then calls the connect callback. An exception from
+    // either is logged and drops the client (its pipe closed); the server keeps serving.
     void CallSabloOpenAsync(const std::unique_ptr<char[]>& clientName, unsigned int gid,
                             int pid) const;
     int SendMsgToServer(int fd) const;

@@ -5,7 +5,9 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>  // mkfifo
+#include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +20,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,8 +30,11 @@
 #include "LogCapture.h"
 #include "TestEnv.h"
 #include "pipe/MagicReceiver.h"
+#include "pipe/SableClientPipe.h"
 #include "sable_comm.h"
 #include "server/PipeServer.h"
+#include "table/SableTable.h"
+#include "table/TableFactory.h"
 
 namespace {
 
@@ -75,9 +81,49 @@ bool Closed(int fd) {
     return closedFds.count(fd) > 0;
 }
 
-int StartServer(const std::string& name, void (*onConnect)(int, SabloClientInfo) = RecordConnect) {
-    SabloServerAttr attr{onConnect, EchoRequest, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, name.c_str()};
+int StartServer(const std::string& name, void (*onConnect)(int, SabloClientInfo) = RecordConnect,
+                SabloPriority priority = SABLO_PRIORITY_DEFAULT) {
+    SabloServerAttr attr{onConnect, EchoRequest, 0xFFFFFFFFu, priority, name.c_str()};
     return SabloCreateServer(&attr);
+}
+
+// A connect callback that throws for the first two clients (an exception, then a plain value)
+// and records the others; it keeps the pipe numbers it threw for.
+std::atomic<int> connectCalls{0};
+std::vector<int> thrownFor;
+
+void ThrowTwiceThenRecord(int fd, SabloClientInfo info) {
+    const int call = connectCalls++;
+    if (call >= 2) {
+        RecordConnect(fd, info);
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(seenMu);
+        thrownFor.push_back(fd);
+    }
+    if (call == 0) throw std::runtime_error(std::string("no room for ") + info.name);
+    throw 7;
+}
+
+// Lines captured at error level or worse.
+std::vector<std::string> Errors(const LogCapture& cap) {
+    std::vector<std::string> out;
+    for (const auto& line : cap.Lines()) {
+        if (line.level <= LOG_ERR) out.push_back(line.text);
+    }
+    return out;
+}
+
+bool ErrorLogged(const LogCapture& cap, const std::string& needle, int timeoutMs) {
+    return WaitUntil(
+        [&] {
+            for (const auto& text : Errors(cap)) {
+                if (text.find(needle) != std::string::npos) return true;
+            }
+            return false;
+        },
+        timeoutMs);
 }
 
 // Threads of this process named as the server thread (the kernel keeps 15 characters).
@@ -136,7 +182,13 @@ class ServerTest : public ::testing::Test {
 };
 
 TEST_F(ServerTest, ClientsOfOneNameGetTheirOwnPipesAndAnswersAndTheirLeavingIsANullRequest) {
-    ASSERT_EQ(StartServer(name), 0);
+    {
+        // A first start (no FIFO yet) has nothing to complain about.
+        ASSERT_NE(access(fifo.c_str(), F_OK), 0);
+        LogCapture cap;
+        ASSERT_EQ(StartServer(name), 0);
+        EXPECT_EQ(Errors(cap), std::vector<std::string>{});
+    }
     const std::string client = UniqueName("same");
     std::vector<std::unique_ptr<ChildProcess>> children;
     for (int i = 0; i < 4; ++i) {
@@ -202,6 +254,83 @@ TEST_F(ServerTest, GarbageOnTheServerFifoNeverStopsIt) {
     WriteToServer(Packet(7));
     EXPECT_TRUE(cap.WaitFor("Read type failed, ret=4, type=7", 5000));
     ExpectAClientConnects(name);
+}
+
+TEST_F(ServerTest, AThrowingOpenOrConnectCallbackDropsOnlyThatClient) {
+    LogCapture cap;
+    // Priority 1 passes the checks, but opening a pipe with it throws on the server thread.
+    ASSERT_EQ(StartServer(name, RecordConnect, SABLO_PRIORITY_NORMAL), 0);
+    {
+        const std::string client = UniqueName("prio");
+        ChildProcess child("sable_peer", {"call", client, name, "client", "0", "300"});
+        child.ExpectExit(20);  // its pipe never comes
+        EXPECT_TRUE(ErrorLogged(
+            cap, "Open pipe for client " + client + "_" + std::to_string(child.Pid()) + " threw: ",
+            5000));
+    }
+    WriteToServer(Packet(7));
+    EXPECT_TRUE(cap.WaitFor("Read type failed, ret=4, type=7", 5000)) << "still serving";
+    PipeServer::GetInstance()->Close();
+
+    // The pipe opened for a client whose connect callback throws is closed; the next client of
+    // the same server is served.
+    connectCalls = 0;
+    thrownFor.clear();
+    ASSERT_EQ(StartServer(name, ThrowTwiceThenRecord), 0);
+    uint8_t byte = 1;
+    SabloRequest req{0, &byte, 1};
+    for (size_t round = 0; round < 2; ++round) {
+        const std::string client = UniqueName("thr");
+        ChildProcess child("sable_peer", {"call", client, name, "client", "0", "2000"});
+        // Depending on when the close comes, the client's open succeeds or times out.
+        const int code = child.Wait(10000);
+        EXPECT_TRUE(code == 0 || code == 20) << code;
+        child.ExpectExit(code);
+        int fd = -1;
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                std::lock_guard<std::mutex> lock(seenMu);
+                fd = thrownFor.size() > round ? thrownFor[round] : -1;
+                return fd > 0;
+            },
+            5000));
+        const std::string thrown = round == 0
+                                       ? "no room for " + client + "_" + std::to_string(child.Pid())
+                                       : "unknown exception";
+        EXPECT_TRUE(ErrorLogged(
+            cap, "Connect callback of fd=" + std::to_string(fd) + " threw: " + thrown + ".", 5000));
+        EXPECT_TRUE(WaitUntil([&] { return SabloSendRequest(fd, &req) == -ENOENT; }, 5000));
+    }
+    EXPECT_EQ(thrownFor.size(), 2u);
+    ExpectAClientConnects(name);
+}
+
+TEST(ClientConnectPacket, ToAServerThatWentIsEpipeAndLeavesNoSigpipe) {
+    struct sigaction dfl {}, old {};
+    dfl.sa_handler = SIG_DFL;
+    ASSERT_EQ(sigaction(SIGPIPE, &dfl, &old), 0);
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+    close(fds[0]);  // the server went between the client's open and its write
+    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
+    ASSERT_TRUE(table);
+    const std::string self = UniqueName("cc");
+    const std::string server = UniqueName("gone");
+    SabloAttr attr;
+    attr.selfName = self.c_str();
+    attr.targetName = server.c_str();
+    SableClientPipe client(attr, *table);
+    LogCapture cap;
+    EXPECT_EQ(client.SendMsgToServer(fds[1]), -EPIPE);
+    EXPECT_TRUE(cap.Contains("write dataIn fail: -1, serverMonitorFd = " + std::to_string(fds[1]) +
+                             ", errno = " + std::to_string(EPIPE)));
+    close(fds[1]);
+    sigset_t pending, mask;
+    sigpending(&pending);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+    EXPECT_EQ(sigismember(&mask, SIGPIPE), 0) << "the thread's mask is restored";
+    sigaction(SIGPIPE, &old, nullptr);
 }
 
 TEST_F(ServerTest, AClientOpenFailsBeforeWritingWithoutAServerOrWithoutAReader) {
