@@ -96,6 +96,15 @@ void WriteOpener::Watch(const std::string& fifoName) {
     }
 }
 
+void WriteOpener::Unwatch() {
+    // A watched directory costs every read and write of its FIFOs a notification walk, in every
+    // process: the watches are kept only while some pipe waits.
+    for (const auto& watched : watchedDirs) {
+        inotify_rm_watch(inotifyFd.Get(), watched.first);
+    }
+    watchedDirs.clear();
+}
+
 bool WriteOpener::Attempt(Entry& entry, Clock::time_point now) {
     std::shared_ptr<SablePipeImpl> pipe = entry.pipe.lock();
     if (!pipe) {
@@ -150,6 +159,9 @@ void WriteOpener::Routine() {
             }
             wakeAt = std::min(wakeAt, pending[i].next);
             ++i;
+        }
+        if (pending.empty()) {
+            Unwatch();
         }
         {
             sable::MutexLock lock(mutex);

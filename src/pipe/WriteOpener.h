@@ -18,8 +18,9 @@ class SablePipeImpl;
 // worker that retries every half second per pipe, one thread ("sable_comm_open") watches every
 // pending pipe: it retries when the kernel reports an open in a FIFO directory (inotify), so
 // the write end opens right after the peer's read end does, and otherwise backs off from 1 ms
-// to 500 ms. Within the pipe's open time-out it gives up with the pipe's own failure handling
-// (SablePipeImpl::OnWriteOpenFailed); a pipe that closes or goes away is dropped.
+// to 500 ms; the directories are watched only while some pipe waits. Within the pipe's open
+// time-out it gives up with the pipe's own failure handling (SablePipeImpl::OnWriteOpenFailed); a
+// pipe that closes or goes away is dropped.
 //
 // Thread-safe. The thread starts with the first Add and is joined by the destructor.
 class WriteOpener {
@@ -52,6 +53,8 @@ class WriteOpener {
     // Tries to open; false when the entry is finished (open, failed or gone).
     bool Attempt(Entry& entry, Clock::time_point now);
     void Watch(const std::string& fifoName);
+    // Drops every watch (nothing waits any more).
+    void Unwatch();
     void Wake();
 
     sable::Mutex mutex;  // guards the fields below; a leaf lock
