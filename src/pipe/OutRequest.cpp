@@ -31,33 +31,29 @@ void OutTimedRequest::Cancel() {
     }
     // The caller holds a reference to this request, so it outlives a waiter that returns now.
     if (wake) {
-        cond.NotifyOne();
+        woken.Set();
     }
 }
 
 int OutTimedRequest::Wait() {
+    {
+        sable::MutexLock lock(mutex);
+        count -= 1;
+        if (count >= 0) {
+            return 0;  // a Cancel came first
+        }
+        signalled = false;
+    }
+    // Spurious wake-ups cannot end the wait early: the event is set only together with
+    // `signalled`, so without limit this returns only once released (a late response could
+    // otherwise still be written into the caller's record).
+    const auto deadline =
+        timeoutMs < 0 ? std::chrono::steady_clock::time_point::max()
+                      : std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    woken.Wait(deadline);
     sable::MutexLock lock(mutex);
-    count -= 1;
-    if (count >= 0) {
-        return 0;  // a Cancel came first
-    }
-    signalled = false;
-    if (timeoutMs < 0) {
-        // Spurious wake-ups must not end the wait: the caller would return while a late
-        // response could still be written into its record.
-        while (!signalled) {
-            cond.Wait(lock);
-        }
-        return 0;
-    }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!signalled) {
-        if (cond.WaitUntil(lock, deadline) == std::cv_status::timeout && !signalled) {
-            break;
-        }
-    }
     if (signalled) {
-        return 0;
+        return 0;  // also when the release came between the time-out and this lock
     }
     count += 1;  // the wait is withdrawn, so a late Cancel leaves no stale release
     withdrawn = true;

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "base/Futex.h"
 #include "base/Mutex.h"
 #include "sable_comm.h"
 
@@ -55,8 +56,10 @@ class OutTimedRequest : public OutRequest {
     bool CancelLocked() REQUIRES(mutex);
 
     std::weak_ptr<SablePipeImpl> pipe;  // a pending request never keeps a closed pipe alive
+    // Set once `signalled` is, after `mutex` is released: the waiter sleeps on it and returns
+    // without taking any lock (it takes `mutex` afterwards only to read the outcome).
+    sable::FutexEvent woken;
     sable::Mutex mutex;  // guards the fields below; taken after the list's and the pipe's locks
-    sable::CondVar cond;
     bool signalled GUARDED_BY(mutex) = false;
     int count GUARDED_BY(mutex) = 0;  // negative while a thread waits
     // Set when Wait gave up: a late response must not touch the caller's record any more.
@@ -74,7 +77,7 @@ class OutSyncTimedRequest : public OutTimedRequest {
     // comes after the waiter gave up is freed here instead.
     void Process(SabloResponse& received) override;
     bool Deliver(SabloResponse& received) override;
-    void Wake() override { cond.NotifyOne(); }
+    void Wake() override { woken.Set(); }
     // 0 with the response filled, -ETIMEDOUT, or -EPIPE when released without a response
     // (the pipe was closed).
     int Wait() override;

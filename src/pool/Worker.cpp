@@ -17,45 +17,6 @@ bool IsTableClass(SabloPriority prio) {
 
 }  // namespace
 
-void Worker::Semaphore::Post() {
-    bool wake = false;
-    {
-        sable::MutexLock lock(mu);
-        ++count;
-        if (count < 1) {
-            wakeFlag = true;
-            wake = true;
-        }
-    }
-    // Woken after the unlock: a thread woken under the lock would only block on it again.
-    // The worker is the only waiter and the semaphore lives as long as the worker.
-    if (wake) {
-        cv.NotifyOne();
-    }
-}
-
-int Worker::Semaphore::Wait(std::chrono::steady_clock::time_point deadline) {
-    sable::MutexLock lock(mu);
-    --count;
-    if (count >= 0) {
-        return 0;
-    }
-    while (!wakeFlag) {
-        // The idle period is measured on the steady clock; each wait is expressed on the
-        // system clock (a plain timed condition wait), so a wake-up at the system-clock
-        // deadline is checked again against the steady one: a clock step only shortens or
-        // lengthens one slice.
-        auto remaining = deadline - std::chrono::steady_clock::now();
-        if (remaining <= std::chrono::steady_clock::duration::zero()) {
-            ++count;  // the count taken is given back: no post was consumed
-            return -ETIMEDOUT;
-        }
-        cv.WaitUntil(lock, std::chrono::system_clock::now() + remaining);
-    }
-    wakeFlag = false;
-    return 0;
-}
-
 Worker::Worker(std::string workerName, std::chrono::milliseconds idle)
     : name(std::move(workerName)), idlePeriod(idle) {}
 
@@ -101,21 +62,26 @@ bool Worker::Restart() {
 }
 
 int Worker::Assign(TaskPtr& task) {
-    sable::MutexLock lock(workerMutex);
-    if (exited.load()) {
-        LOGI("restart thread by assign\n");
-        if (!Restart()) {
-            return -1;
+    {
+        sable::MutexLock lock(workerMutex);
+        if (exited.load()) {
+            LOGI("restart thread by assign\n");
+            if (!Restart()) {
+                return -1;
+            }
         }
-    }
-    if (tasks.size() < CAPACITY) {
+        if (tasks.size() >= CAPACITY) {
+            LOGW_R("Tasks exceeds worker's capacity(%lu)\n", static_cast<unsigned long>(CAPACITY));
+            return -EBUSY;
+        }
         tasks.push_back(std::move(task));
-        sem.Post();
-        LOGI("task posted to worker=%s", name.c_str());
-        return 0;
     }
-    LOGW_R("Tasks exceeds worker's capacity(%lu)\n", static_cast<unsigned long>(CAPACITY));
-    return -EBUSY;
+    // Posted after the unlock: the thread it wakes takes this mutex first thing, and on a busy
+    // CPU would otherwise preempt this thread only to block on it. A running thread may take
+    // the task before the post; the post then finds the queue empty and is simply passed.
+    sem.Post();
+    LOGI("task posted to worker=%s", name.c_str());
+    return 0;
 }
 
 int Worker::SetRTType(const SabloPriority& prio) {
@@ -214,7 +180,7 @@ void Worker::Routine() {
     KorCoreSetaffinity();
     while (running.load()) {
         LOGI("worker=%s sleep!", name.c_str());
-        int ret = sem.Wait(std::chrono::steady_clock::now() + idlePeriod);
+        int ret = sem.WaitFor(idlePeriod) ? 0 : -ETIMEDOUT;
         LOGI("worker=%s awake!", name.c_str());
         if (ret == -ETIMEDOUT) {
             sable::MutexLock lock(workerMutex);

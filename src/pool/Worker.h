@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "base/Futex.h"
 #include "base/Mutex.h"
 #include "pool/SableTask.h"
 #include "pool/sable_comm_thread.h"
@@ -25,8 +26,8 @@
 // task may post further tasks to its own worker. Dropped tasks are destroyed outside the
 // worker's locks (their captures may run arbitrary destructors).
 //
-// Lock order (pool side first): WorkerPool's workers mutex -> workerMutex -> startMutex; the
-// semaphore's mutex is a leaf.
+// Lock order (pool side first): WorkerPool's workers mutex -> workerMutex -> startMutex. The
+// thread sleeps on a futex semaphore, which takes no lock.
 class Worker {
   public:
     using TaskPtr = std::shared_ptr<const SableTask>;
@@ -87,20 +88,6 @@ class Worker {
     bool ExitCheck() const REQUIRES(workerMutex);
 
   private:
-    // Counting semaphore with a timed wait: the worker thread is its only waiter.
-    class Semaphore {
-      public:
-        void Post();
-        // 0 when woken by a post, -ETIMEDOUT at `deadline` (steady clock).
-        int Wait(std::chrono::steady_clock::time_point deadline);
-
-      private:
-        sable::Mutex mu;  // guards the flag and the count; a leaf lock
-        sable::CondVar cv;
-        bool wakeFlag GUARDED_BY(mu) = false;
-        int32_t count GUARDED_BY(mu) = 0;
-    };
-
     void Routine();
     void NameThread();
     // Runs queued tasks until the queue is empty.
@@ -111,7 +98,8 @@ class Worker {
     const std::string name;
     TaskPtr currentTask GUARDED_BY(workerMutex);
     std::atomic<bool> running{false};
-    Semaphore sem;
+    // One post per queued task (and per stop); the worker thread is its only waiter.
+    sable::FutexSemaphore sem;
     // Guards the queue, the current task and thread restarts. After the pool's workers mutex,
     // before startMutex.
     sable::Mutex workerMutex;

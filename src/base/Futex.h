@@ -1,0 +1,135 @@
+// Waiting and waking on one 32-bit word, without a mutex.
+//
+// A thread woken from a condition variable takes the variable's mutex again before it returns,
+// and glibc marks that mutex contended when it does, so the woken thread pays a further system
+// call to wake nobody. The hand-overs of a request's path (a task to its worker, a response to
+// its caller) wait on a futex word instead: the waker makes one system call when a thread
+// sleeps and none otherwise, and the woken thread returns without taking any lock.
+#ifndef SABLE_BASE_FUTEX_H
+#define SABLE_BASE_FUTEX_H
+
+#include <errno.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+
+namespace sable {
+
+static_assert(sizeof(std::atomic<int32_t>) == sizeof(int32_t), "a futex word is 32 bits");
+
+// Sleeps while `word` holds `expected`, until woken or until `deadline` on the monotonic
+// clock (null: no limit). Returns 0, or the errno: ETIMEDOUT once the deadline has passed,
+// EAGAIN when the word did not hold `expected`, EINTR. Spurious returns are allowed; callers
+// re-check their condition.
+inline int FutexWait(std::atomic<int32_t>& word, int32_t expected, const timespec* deadline) {
+    long ret = syscall(SYS_futex, reinterpret_cast<int32_t*>(&word), FUTEX_WAIT_BITSET_PRIVATE,
+                       expected, deadline, nullptr, FUTEX_BITSET_MATCH_ANY);
+    return ret == 0 ? 0 : errno;
+}
+
+inline void FutexWake(std::atomic<int32_t>& word, int count) {
+    syscall(SYS_futex, reinterpret_cast<int32_t*>(&word), FUTEX_WAKE_PRIVATE, count, nullptr,
+            nullptr, 0);
+}
+
+// A steady-clock time point as the monotonic timespec that FutexWait takes (the same clock on
+// Linux).
+inline timespec ToMonotonic(std::chrono::steady_clock::time_point when) {
+    auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch());
+    if (ns.count() < 0) {
+        return timespec{0, 0};
+    }
+    return timespec{static_cast<time_t>(ns.count() / 1000000000),
+                    static_cast<long>(ns.count() % 1000000000)};
+}
+
+// Counting semaphore: Post adds one, Wait takes one, sleeping while there is none. Any number
+// of threads may post and wait. Post makes a system call only when a thread sleeps.
+class FutexSemaphore {
+  public:
+    void Post() {
+        value.fetch_add(1);
+        if (sleepers.load() > 0) {
+            FutexWake(value, 1);
+        }
+    }
+
+    // True with one taken, false when `timeout` passed with none taken. Reads the clock only
+    // when it has to sleep.
+    bool WaitFor(std::chrono::nanoseconds timeout) {
+        if (TryTake()) {
+            return true;
+        }
+        const timespec until = ToMonotonic(std::chrono::steady_clock::now() + timeout);
+        for (;;) {
+            // Counted as a sleeper before the kernel looks at the word again: a Post either
+            // sees the sleeper and wakes it, or lands before that look and the wait returns
+            // at once.
+            sleepers.fetch_add(1);
+            int err = FutexWait(value, 0, &until);
+            sleepers.fetch_sub(1);
+            if (TryTake()) {
+                return true;
+            }
+            if (err == ETIMEDOUT) {
+                return false;
+            }
+        }
+    }
+
+    // Takes one without waiting; false when there is none.
+    bool TryTake() {
+        int32_t v = value.load();
+        while (v > 0) {
+            if (value.compare_exchange_weak(v, v - 1)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+  private:
+    std::atomic<int32_t> value{0};
+    std::atomic<int32_t> sleepers{0};
+};
+
+// One-shot event: Set wakes every waiter, now and later.
+class FutexEvent {
+  public:
+    void Set() {
+        state.store(1);
+        if (sleepers.load() > 0) {
+            FutexWake(state, INT_MAX);
+        }
+    }
+    bool IsSet() const { return state.load() != 0; }
+
+    // True once set, false at `deadline` (steady clock; max(): no limit).
+    bool Wait(std::chrono::steady_clock::time_point deadline) {
+        const bool limited = deadline != std::chrono::steady_clock::time_point::max();
+        const timespec until = limited ? ToMonotonic(deadline) : timespec{0, 0};
+        while (!IsSet()) {
+            sleepers.fetch_add(1);
+            int err = FutexWait(state, 0, limited ? &until : nullptr);
+            sleepers.fetch_sub(1);
+            if (err == ETIMEDOUT) {
+                return IsSet();
+            }
+        }
+        return true;
+    }
+
+  private:
+    std::atomic<int32_t> state{0};
+    std::atomic<int32_t> sleepers{0};
+};
+
+}  // namespace sable
+
+#endif
