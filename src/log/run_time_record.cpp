@@ -16,11 +16,15 @@ void LogNoPoint() {
 
 }  // namespace
 
+uint64_t ToMicroseconds(const timespec& monotonic) {
+    return static_cast<uint64_t>(monotonic.tv_sec) * kUsPerSecond +
+           static_cast<uint64_t>(monotonic.tv_nsec / kNsPerUs);
+}
+
 uint64_t GetCurrentTime() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond +
-           static_cast<uint64_t>(now.tv_nsec / kNsPerUs);
+    return ToMicroseconds(now);
 }
 
 int64_t RunTimeRecord::CalculationInterval(const timespec& later, const timespec& earlier) const {

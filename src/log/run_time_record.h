@@ -14,6 +14,9 @@ namespace SableComm {
 
 // Monotonic clock in microseconds.
 uint64_t GetCurrentTime();
+// A monotonic clock value in the microseconds of GetCurrentTime(), for a caller that also
+// needs the timespec (one clock read for both).
+uint64_t ToMicroseconds(const timespec& monotonic);
 
 // Belongs to one thread (it lives on the caller's stack); nothing is locked. The first points
 // are kept inline so that timing a write allocates nothing.

@@ -6,9 +6,9 @@
 #include <new>
 
 #include "base/safe_c.h"
-#include "pipe/FrameBuffer.h"
 #include "log/NuxSyslog.h"
 #include "log/run_time_record.h"
+#include "pipe/FrameBuffer.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ bool FieldOk(int32_t ret, size_t expected) {
 
 }  // namespace
 
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len) {
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime) {
     if (!msg.SizeValid()) {
         return -EINVAL;
     }
@@ -61,23 +61,21 @@ int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len) {
     char* trailer = buf + kPayloadOffset + msg.payloadLen;
     Put<uint32_t>(trailer, checksum);
     Put<int32_t>(trailer + 4, msg.timeout);
-    // Taken last, as close to the write as the builder gets, so that the receiver's latency
-    // measure covers the FIFO and not the copying.
-    Put<uint64_t>(trailer + 8, SableComm::GetCurrentTime());
+    Put<uint64_t>(trailer + 8, writeStartTime);
     len = size;
     return 0;
 }
 
 int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len) {
     if (!msg.SizeValid()) {
-        return BuildFrame(msg, nullptr, 0, len);  // the same refusal, nothing allocated
+        return BuildFrame(msg, nullptr, 0, len, 0);  // the same refusal, nothing allocated
     }
     std::unique_ptr<char[]> frame(new (std::nothrow) char[msg.Size()]);
     if (!frame) {
         return -ENOMEM;
     }
     size_t size = 0;
-    int ret = BuildFrame(msg, frame.get(), msg.Size(), size);
+    int ret = BuildFrame(msg, frame.get(), msg.Size(), size, SableComm::GetCurrentTime());
     if (ret == 0) {
         buf = std::move(frame);
         len = size;

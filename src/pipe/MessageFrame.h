@@ -19,8 +19,10 @@
 // Thread-safe for distinct messages.
 int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
 // The same into the caller's `buf` of `capacity` bytes (-ENOMEM when the frame does not fit),
-// so that a sender can build on its stack: nothing is allocated.
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len);
+// so that a sender can build on its stack: nothing is allocated. `writeStartTime` is the
+// frame's write time (SableComm::GetCurrentTime() microseconds, read by the sender just before
+// it writes).
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime);
 
 // Reads one frame through rx.Recv, one Recv of exactly the field's size per field, and returns
 // the message with its payload and checksum. Any failure (bad magic, end of file, a short or

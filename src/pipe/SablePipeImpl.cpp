@@ -438,9 +438,12 @@ int SablePipeImpl::Write(OutMessage& msg) {
     // Built on the stack: a frame is at most 4032 bytes, and a send allocates nothing.
     char frame[kMaxFrameSize];
     size_t len = 0;
-    int ret = BuildFrame(msg, frame, sizeof(frame), len);
+    // One clock read serves as the frame's write time and as the start of the write's timing.
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    int ret = BuildFrame(msg, frame, sizeof(frame), len, SableComm::ToMicroseconds(start));
     if (ret == 0) {
-        ret = Write(frame, len, msg.id);
+        ret = Write(frame, len, msg.id, start);
     }
     LOGD(
         "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
@@ -450,14 +453,14 @@ int SablePipeImpl::Write(OutMessage& msg) {
     return ret;
 }
 
-int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
+int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId, const timespec& start) {
     sable::ReaderLock lock(fdMutex);
     int wfd = writeFd.load();
     if (wfd < 0) {
         return -EPIPE;  // closed after the caller looked
     }
     SableComm::RunTimeRecord record(kSlowStepMs);
-    record.RecordCurrentTime();
+    record.RecordTime(start);
     // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
     ssize_t n = 0;
     int savedErrno = 0;
