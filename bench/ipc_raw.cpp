@@ -1,0 +1,302 @@
+// ipc_raw: one side of the two-process benchmark over the bare FIFO pair: the same frames as
+// ipc_plain (ipc_fifo.h), blocking reads and writes, no threads (command line and result line:
+// ipc_common.h).
+//
+// rpc: the caller writes a request frame and blocks reading the response; the peer reads one
+// whole frame at a time (header, then the rest) and writes the response.
+// stream: the caller writes its frames with blocking writes; the peer reads 64 KiB blocks,
+// counts every whole frame and answers the fin frame with its count.
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ipc_common.h"
+#include "ipc_fifo.h"
+
+namespace {
+
+using namespace ipcbench;
+
+const char kProgram[] = "raw";
+
+void OnAlarm(int) {}
+
+// Blocking opens wait for the other end; SIGALRM (without SA_RESTART) bounds the wait.
+void ArmOpenBound() {
+    struct sigaction sa {};
+    sa.sa_handler = OnAlarm;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;
+    sigaction(SIGALRM, &sa, nullptr);
+    alarm((kOpenTimeoutMs + 999) / 1000);
+}
+
+int OpenOrReport(const std::string& path, int flags, const char* who) {
+    int fd = open(path.c_str(), flags);
+    if (fd < 0) {
+        fprintf(stderr, "ipc_raw %s: open %s: %s\n", who, path.c_str(),
+                errno == EINTR ? "no other end in time" : strerror(errno));
+    }
+    return fd;
+}
+
+// Reads one whole frame into `frame` (kMaxFrame bytes): 1 with a frame, 0 at end of file
+// before it, -1 on any error (reported).
+int ReadOneFrame(int fd, uint8_t* frame, FrameView& view, const char* who) {
+    ssize_t n = ReadFull(fd, frame, kHeaderSize);
+    if (n == 0) return 0;
+    std::string why;
+    if (n < 0) {
+        fprintf(stderr, "ipc_raw %s: read: %s\n", who, strerror(static_cast<int>(-n)));
+        return -1;
+    }
+    if (CheckHeader(frame, kHeaderSize, view, why) != FrameStatus::kOk) {
+        fprintf(stderr, "ipc_raw %s: %s\n", who, why.c_str());
+        return -1;
+    }
+    n = ReadFull(fd, frame + kHeaderSize, view.size - kHeaderSize);
+    if (n <= 0) {
+        fprintf(stderr, "ipc_raw %s: read: %s\n", who,
+                n == 0 ? "end of file inside a frame" : strerror(static_cast<int>(-n)));
+        return -1;
+    }
+    if (ParseFrame(frame, view.size, view, why) != FrameStatus::kOk) {
+        fprintf(stderr, "ipc_raw %s: %s\n", who, why.c_str());
+        return -1;
+    }
+    return 1;
+}
+
+int ServeRpc(int readFd, int writeFd, const Options& opt) {
+    std::vector<uint8_t> in(kMaxFrame);
+    std::vector<uint8_t> out(kMaxFrame);
+    std::vector<uint8_t> reply(kMaxPayload, 0x5A);  // the answer's payload, prepared once
+    int errors = 0;
+    for (;;) {
+        FrameView req;
+        int got = ReadOneFrame(readFd, in.data(), req, "peer");
+        if (got == 0) return errors;
+        if (got < 0) return errors + 1;
+        if (req.type != kTypeRequest || req.len != opt.size) errors++;
+        size_t n = BuildFrame(out.data(), req.id, kTypeResponse, reply.data(), req.len, -1);
+        int ret = WriteAll(writeFd, out.data(), n);
+        if (ret != 0) {
+            fprintf(stderr, "ipc_raw peer: write: %s\n", strerror(-ret));
+            return errors + 1;
+        }
+    }
+}
+
+int ServeStream(int readFd, int writeFd, const Options& opt) {
+    std::vector<uint8_t> buf(kReadBufferSize);
+    std::vector<uint8_t> out(kMaxFrame);
+    StreamCounter counter(opt.size);
+    size_t have = 0;
+    int errors = 0;
+    for (;;) {
+        ssize_t got = read(readFd, buf.data() + have, buf.size() - have);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            fprintf(stderr, "ipc_raw peer: read: %s\n", strerror(errno));
+            return errors + 1;
+        }
+        if (got == 0) {
+            if (have != 0) fprintf(stderr, "ipc_raw peer: end of file inside a frame\n");
+            return errors + (have != 0 ? 1 : 0);
+        }
+        have += static_cast<size_t>(got);
+        std::string why;
+        size_t used = ParseFrames(
+            buf.data(), have,
+            [&](const FrameView& frame) {
+                if (frame.type != kTypeRequest) errors++;
+                if (!counter.Take(frame.payload, frame.len)) return true;
+                uint8_t counts[StreamCounter::kReplySize];
+                counter.Reply(counts);
+                size_t n =
+                    BuildFrame(out.data(), frame.id, kTypeResponse, counts, sizeof(counts), -1);
+                int ret = WriteAll(writeFd, out.data(), n);
+                if (ret != 0) {
+                    fprintf(stderr, "ipc_raw peer: write: %s\n", strerror(-ret));
+                    errors++;
+                }
+                return true;
+            },
+            why);
+        if (!why.empty()) {
+            fprintf(stderr, "ipc_raw peer: %s\n", why.c_str());
+            return errors + 1;
+        }
+        memmove(buf.data(), buf.data() + used, have - used);
+        have -= used;
+    }
+}
+
+int RunPeer(const Options& opt) {
+    const std::string in = FifoPath(opt.peer, opt.self);
+    const std::string out = FifoPath(opt.self, opt.peer);
+    auto removeFiles = [&] {
+        unlink(in.c_str());
+        unlink(out.c_str());
+    };
+    if (mkfifo(in.c_str(), 0600) != 0 || mkfifo(out.c_str(), 0600) != 0) {
+        fprintf(stderr, "ipc_raw peer: mkfifo: %s\n", strerror(errno));
+        removeFiles();
+        return 1;
+    }
+    ArmOpenBound();
+    int readFd = OpenOrReport(in, O_RDONLY | O_CLOEXEC, "peer");
+    int writeFd = readFd < 0 ? -1 : OpenOrReport(out, O_WRONLY | O_CLOEXEC, "peer");
+    alarm(0);
+    if (writeFd < 0) {
+        if (readFd >= 0) close(readFd);
+        removeFiles();
+        return 1;
+    }
+    int errors =
+        opt.mode == Mode::kRpc ? ServeRpc(readFd, writeFd, opt) : ServeStream(readFd, writeFd, opt);
+    close(writeFd);
+    close(readFd);
+    removeFiles();
+    return errors == 0 ? 0 : 1;
+}
+
+// One request and its response; 0 or a negative errno (-EPROTO for a wrong answer).
+int Call(int readFd, int writeFd, uint32_t id, const uint8_t* payload, uint32_t len,
+         int32_t timeoutMs, uint8_t* out, uint8_t* in, FrameView& rsp) {
+    size_t n = BuildFrame(out, id, kTypeRequest, payload, len, timeoutMs);
+    int ret = WriteAll(writeFd, out, n);
+    if (ret != 0) return ret;
+    int got = ReadOneFrame(readFd, in, rsp, "caller");
+    if (got <= 0) return got == 0 ? -EPIPE : -EPROTO;
+    return rsp.type == kTypeResponse && rsp.id == id ? 0 : -EPROTO;
+}
+
+void RunRpc(int readFd, int writeFd, const Options& opt, RpcOutcome& out) {
+    std::vector<uint8_t> payload;
+    FillPayload(payload, opt.size);
+    std::vector<uint8_t> txFrame(kMaxFrame);
+    std::vector<uint8_t> rxFrame(kMaxFrame);
+    uint32_t nextId = 1;
+    auto call = [&](uint64_t seq, bool timed) {
+        PutSeq(payload.data(), seq);
+        FrameView rsp;
+        uint64_t t0 = NowNs();
+        int ret = Call(readFd, writeFd, nextId++, payload.data(), opt.size, kRpcTimeoutMs,
+                       txFrame.data(), rxFrame.data(), rsp);
+        uint64_t t1 = NowNs();
+        bool ok = ret == 0 && rsp.len == opt.size;
+        if (!ok) {
+            out.failures++;
+            if (out.error.empty()) {
+                out.error = ret != 0 ? "rpc_errno_" + std::to_string(-ret) : "bad_response";
+            }
+            fprintf(stderr, "ipc_raw caller: RPC %llu: ret %d (%s), response size %u\n",
+                    static_cast<unsigned long long>(seq), ret, ret ? strerror(-ret) : "ok",
+                    rsp.len);
+        } else if (timed) {
+            out.latenciesUs.push_back(static_cast<double>(t1 - t0) / 1000.0);
+        }
+        return ok;
+    };
+    for (uint64_t i = 0; i < opt.warmup; ++i) {
+        if (!call(i, false)) return;
+    }
+    if (!SyncPoint(opt, "READY")) {
+        out.error = "sync";
+        return;
+    }
+    out.latenciesUs.reserve(opt.count);
+    for (uint64_t i = 0; i < opt.count; ++i) {
+        if (!call(i, true)) break;
+    }
+    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+}
+
+void RunStream(int readFd, int writeFd, const Options& opt, StreamOutcome& out) {
+    std::vector<uint8_t> payload;
+    FillPayload(payload, opt.size);
+    std::vector<uint8_t> txFrame(kMaxFrame);
+    std::vector<uint8_t> rxFrame(kMaxFrame);
+    if (!SyncPoint(opt, "READY")) {
+        out.error = "sync";
+        return;
+    }
+    uint64_t start = NowNs();
+    for (uint64_t i = 0; i < opt.count; ++i) {
+        PutSeq(payload.data(), i);
+        size_t n = BuildFrame(txFrame.data(), static_cast<uint32_t>(i), kTypeRequest,
+                              payload.data(), opt.size, -1);
+        int ret = WriteAll(writeFd, txFrame.data(), n);
+        if (ret != 0) {
+            fprintf(stderr, "ipc_raw caller: write %llu: %s\n", static_cast<unsigned long long>(i),
+                    strerror(-ret));
+            out.error = "send_errno_" + std::to_string(-ret);
+            break;
+        }
+        out.accepted++;
+    }
+    PutSeq(payload.data(), kFinSeq);
+    FrameView rsp;
+    int ret = Call(readFd, writeFd, 0xFFFFFFFFu, payload.data(), opt.size, kFinTimeoutMs,
+                   txFrame.data(), rxFrame.data(), rsp);
+    out.elapsedSec = static_cast<double>(NowNs() - start) / 1e9;
+    if (ret == 0 && ParseFinReply(rsp.payload, rsp.len, out.fin)) {
+        out.finOk = true;
+    } else {
+        fprintf(stderr, "ipc_raw caller: fin: ret %d (%s)\n", ret, ret ? strerror(-ret) : "ok");
+        if (out.error.empty()) out.error = "fin";
+    }
+    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+}
+
+int RunCaller(const Options& opt) {
+    const std::string out = FifoPath(opt.self, opt.peer);
+    const std::string in = FifoPath(opt.peer, opt.self);
+    RpcOutcome rpc;
+    StreamOutcome stream;
+    int readFd = -1;
+    int writeFd = -1;
+    if (WaitForFile(out, kOpenTimeoutMs) && WaitForFile(in, kOpenTimeoutMs)) {
+        ArmOpenBound();
+        writeFd = OpenOrReport(out, O_WRONLY | O_CLOEXEC, "caller");
+        readFd = writeFd < 0 ? -1 : OpenOrReport(in, O_RDONLY | O_CLOEXEC, "caller");
+        alarm(0);
+    } else {
+        fprintf(stderr, "ipc_raw caller: the peer's FIFOs did not appear\n");
+    }
+    bool ok = false;
+    if (readFd < 0) {
+        rpc.error = stream.error = "open";
+    } else if (opt.mode == Mode::kRpc) {
+        RunRpc(readFd, writeFd, opt, rpc);
+        ok = rpc.error.empty() && rpc.failures == 0;
+    } else {
+        RunStream(readFd, writeFd, opt, stream);
+        ok = stream.error.empty() && stream.finOk;
+    }
+    if (writeFd >= 0) close(writeFd);
+    if (readFd >= 0) close(readFd);
+    if (opt.mode == Mode::kRpc) {
+        PrintRpcResult(kProgram, opt, rpc);
+    } else {
+        PrintStreamResult(kProgram, opt, stream);
+    }
+    return ok ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    signal(SIGPIPE, SIG_IGN);
+    Options opt;
+    if (!ParseOptions(argc, argv, "ipc_raw", opt)) return 2;
+    return opt.role == Role::kPeer ? RunPeer(opt) : RunCaller(opt);
+}
