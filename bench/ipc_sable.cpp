@@ -61,14 +61,12 @@ struct Peer {
             Answer(fd, rsp);
             return;
         }
+        // The pipe is ordered (not isConcur): its callbacks run one at a time, in order, so
+        // the counter needs no lock (as the plain program's single worker needs none).
         uint8_t out[StreamCounter::kReplySize];
-        bool fin = false;
-        {
-            std::lock_guard<std::mutex> lock(counterMu);
-            fin = counter.Take(req->data, req->size);
-            if (fin) counter.Reply(out);
-        }
+        const bool fin = counter.Take(req->data, req->size);
         if (fin) {
+            counter.Reply(out);
             SabloResponse rsp{req->id, out, StreamCounter::kReplySize};
             Answer(fd, rsp);
         }
@@ -88,7 +86,6 @@ struct Peer {
     }
 
     const Options opt;
-    std::mutex counterMu;
     StreamCounter counter;
     std::vector<uint8_t> reply;  // the answer's payload, prepared once
     std::atomic<uint64_t> errors{0};

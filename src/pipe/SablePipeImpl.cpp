@@ -617,8 +617,9 @@ void SablePipeImpl::ProcessRequest(InMessage& msg) {
     // The handler is fixed at construction, so it is used in place rather than copied.
     const Handler& handler = serviceHandler;
     if (handler) {
-        ProcessCachedRequests(handler);
-        HandleRequest(request, handler);
+        // Nothing was ever cached: only a pipe without a callback caches, and a pipe's callback
+        // never changes.
+        HandleRequest(std::move(request), handler);
         return;
     }
     CacheRequest(request);
@@ -655,15 +656,10 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     if (closeFdAction.load() == -1) {
         return;
     }
-    std::shared_ptr<SablePipeImpl> self = weak_from_this().lock();
-    if (!self) {
-        return;  // not owned any more: nobody could close it after the callback
-    }
-    const int pipeFd = fd.load();
     const bool isRequest = request != nullptr;
-    int ret = 0;
     if (isConcur == 0 && isRequest && batchingPipe == this && &handler == &serviceHandler) {
-        // In this pipe's receive turn: queued with the other requests of the turn.
+        // In this pipe's receive turn: queued with the other requests of the turn (FlushBatch
+        // makes sure the pipe is still owned).
         backlog.fetch_add(1);
         batch.push_back(std::move(request));
         if (batch.size() >= BATCH_MAX) {
@@ -671,6 +667,12 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
         }
         return;
     }
+    std::shared_ptr<SablePipeImpl> self = weak_from_this().lock();
+    if (!self) {
+        return;  // not owned any more: nobody could close it after the callback
+    }
+    const int pipeFd = fd.load();
+    int ret = 0;
     if (isConcur == 0) {
         std::shared_ptr<const SableTask> task =
             std::make_shared<RequestTask>(std::move(self), std::move(request), handler, pipeFd);
@@ -719,6 +721,7 @@ void SablePipeImpl::FlushBatch() {
         ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
     }
     batch.clear();
+    batch.reserve(BATCH_MAX);  // the storage went with the task
     if (ret != 0) {
         backlog.fetch_sub(static_cast<uint32_t>(count));  // nothing was queued
         LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),
