@@ -4,15 +4,30 @@
 #include "pipe/SablePipeImpl.h"
 
 RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, std::shared_ptr<InRequest> req,
-                         const Handler& fn, int pipeFd)
-    : SableTask(nullptr), pipe(std::move(owner)), request(std::move(req)), fd(pipeFd) {
+                         const Handler& fn, int pipeFd, bool counted)
+    : SableTask(nullptr),
+      pipe(std::move(owner)),
+      request(std::move(req)),
+      fd(pipeFd),
+      queued(counted) {
     SetHandler(fn);
 }
 
-RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, Batch batch, const Handler& fn,
-                         int pipeFd)
-    : SableTask(nullptr), pipe(std::move(owner)), more(std::move(batch)), fd(pipeFd) {
+RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, std::vector<SabloRequest> requests,
+                         const Handler& fn, int pipeFd)
+    : SableTask(nullptr),
+      pipe(std::move(owner)),
+      batch(std::move(requests)),
+      fd(pipeFd),
+      queued(true) {
     SetHandler(fn);
+}
+
+RequestTask::~RequestTask() {
+    // Requests of a task dropped before it ran (its worker was cleared).
+    for (SabloRequest& each : batch) {
+        delete[] each.data;
+    }
 }
 
 void RequestTask::SetHandler(const Handler& fn) {
@@ -25,11 +40,20 @@ void RequestTask::SetHandler(const Handler& fn) {
 }
 
 void RequestTask::operator()() const {
-    if (more.empty()) {
-        pipe->RunRequest(request.get(), *handler, fd);
+    if (batch.empty()) {
+        pipe->RunRequest(request ? &request->Record() : nullptr, *handler, fd);
+        if (queued) {
+            pipe->OnQueuedRequestsDone(1);
+        }
         return;
     }
-    for (const auto& each : more) {
-        pipe->RunRequest(each.get(), *handler, fd);
+    for (SabloRequest& each : batch) {
+        pipe->RunRequest(&each, *handler, fd);
+        // The payload lives exactly as long as its callback.
+        delete[] each.data;
+        each.data = nullptr;
     }
+    const size_t count = batch.size();
+    batch.clear();
+    pipe->OnQueuedRequestsDone(static_cast<uint32_t>(count));
 }

@@ -13,20 +13,26 @@ class InRequest;
 class SablePipeImpl;
 
 // Runs the pipe's request callback for one request (null: the remote has gone), or for the
-// requests of one batch one after the other, on the worker that runs it. Built once and queued
-// as it is: it carries the pipe, the requests and the callback, so the hand-over to the worker
-// allocates nothing more. Immutable.
+// requests of one receive turn one after the other, on the worker that runs it. Built once and
+// queued as it is: it carries the pipe, the requests and the callback, so the hand-over to the
+// worker allocates nothing more. Runs once.
 class RequestTask final : public SableTask {
   public:
     using Handler = std::function<void(int, SabloRequest*)>;
-    using Batch = std::vector<std::shared_ptr<InRequest>>;
 
     // `handler` is referred to, not copied, when it is the pipe's own request callback (which
-    // lives as long as the pipe this task holds); any other handler is copied.
+    // lives as long as the pipe this task holds); any other handler is copied. `queued`: the
+    // request counts in the pipe's worker backlog, given back once it has run.
     RequestTask(std::shared_ptr<SablePipeImpl> pipe, std::shared_ptr<InRequest> request,
+                const Handler& handler, int fd, bool queued);
+    // The requests of `batch`, in order; each counts in the backlog. The task owns their
+    // payloads (new[] arrays) and frees each one after its callback, or when it is destroyed
+    // without having run.
+    RequestTask(std::shared_ptr<SablePipeImpl> pipe, std::vector<SabloRequest> batch,
                 const Handler& handler, int fd);
-    // The requests of `batch`, in order.
-    RequestTask(std::shared_ptr<SablePipeImpl> pipe, Batch batch, const Handler& handler, int fd);
+    ~RequestTask() override;
+    RequestTask(const RequestTask&) = delete;
+    RequestTask& operator=(const RequestTask&) = delete;
 
     void operator()() const override;
 
@@ -34,11 +40,12 @@ class RequestTask final : public SableTask {
     void SetHandler(const Handler& fn);
 
     std::shared_ptr<SablePipeImpl> pipe;
-    std::shared_ptr<InRequest> request;  // the only one, or the first of a batch
-    Batch more;
+    std::shared_ptr<InRequest> request;       // the single request (null: a remote-close notice)
+    mutable std::vector<SabloRequest> batch;  // emptied as it runs
     Handler copied;
     const Handler* handler;
     int fd;
+    bool queued;
 };
 
 #endif

@@ -555,8 +555,11 @@ SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event
 SablePipeImpl::ReceiveResult SablePipeImpl::Turn(bool hangUp, SableComm::EpollTimeRecord& record) {
     TurnOf turn(this);
     for (int handled = 0;; ++handled) {
-        if (backlog.load() >= BACKLOG_PAUSE && PauseReceive()) {
-            return ReceiveResult::PAUSED;  // a hang-up is seen again once the pipe resumes
+        if (backlog.load() + batch.size() >= BACKLOG_PAUSE) {
+            FlushBatch();  // counted in the backlog before it is weighed
+            if (PauseReceive()) {
+                return ReceiveResult::PAUSED;  // a hang-up is seen again once the pipe resumes
+            }
         }
         if (!hangUp) {
             // One read per turn: whatever came after it raises the next event.
@@ -590,8 +593,8 @@ bool SablePipeImpl::PauseReceive() {
     return !receivePaused.exchange(false);
 }
 
-void SablePipeImpl::OnQueuedRequestDone() {
-    uint32_t left = backlog.fetch_sub(1) - 1;
+void SablePipeImpl::OnQueuedRequestsDone(uint32_t count) {
+    uint32_t left = backlog.fetch_sub(count) - count;
     if (left <= BACKLOG_RESUME && receivePaused.load() && receivePaused.exchange(false)) {
         observer.OnPipeResume(fd.load(), dataMonitorType);
     }
@@ -613,9 +616,21 @@ void SablePipeImpl::ProcessMessage(InMessage& msg) {
 }
 
 void SablePipeImpl::ProcessRequest(InMessage& msg) {
-    auto request = std::make_shared<InRequest>(msg);
     // The handler is fixed at construction, so it is used in place rather than copied.
     const Handler& handler = serviceHandler;
+    if (handler && isConcur == 0 && batchingPipe == this) {
+        // In this pipe's receive turn: queued with the other requests of the turn, as a bare
+        // record whose payload the batch's task owns.
+        if (closeFdAction.load() == -1) {
+            return;  // closed meanwhile: dropped, as HandleRequest drops it
+        }
+        batch.push_back(SabloRequest{msg.id, msg.ReleaseData(), msg.payloadLen});
+        if (batch.size() >= BATCH_MAX) {
+            FlushBatch();
+        }
+        return;
+    }
+    auto request = std::make_shared<InRequest>(msg);
     if (handler) {
         // Nothing was ever cached: only a pipe without a callback caches, and a pipe's callback
         // never changes.
@@ -657,16 +672,6 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
         return;
     }
     const bool isRequest = request != nullptr;
-    if (isConcur == 0 && isRequest && batchingPipe == this && &handler == &serviceHandler) {
-        // In this pipe's receive turn: queued with the other requests of the turn (FlushBatch
-        // makes sure the pipe is still owned).
-        backlog.fetch_add(1);
-        batch.push_back(std::move(request));
-        if (batch.size() >= BATCH_MAX) {
-            FlushBatch();
-        }
-        return;
-    }
     std::shared_ptr<SablePipeImpl> self = weak_from_this().lock();
     if (!self) {
         return;  // not owned any more: nobody could close it after the callback
@@ -674,8 +679,8 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
     const int pipeFd = fd.load();
     int ret = 0;
     if (isConcur == 0) {
-        std::shared_ptr<const SableTask> task =
-            std::make_shared<RequestTask>(std::move(self), std::move(request), handler, pipeFd);
+        std::shared_ptr<const SableTask> task = std::make_shared<RequestTask>(
+            std::move(self), std::move(request), handler, pipeFd, true);
         backlog.fetch_add(1);
         ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
         if (ret != 0) {
@@ -692,8 +697,8 @@ void SablePipeImpl::HandleRequest(std::shared_ptr<InRequest> request, const Hand
                 remoteName.c_str(), pipeFd);
             return;
         }
-        auto task =
-            std::make_shared<RequestTask>(std::move(self), std::move(request), handler, pipeFd);
+        auto task = std::make_shared<RequestTask>(std::move(self), std::move(request), handler,
+                                                  pipeFd, false);
         callbacksInFlight.fetch_add(1, std::memory_order_relaxed);
         ret = observer.OnAsyncRequestIn([task]() { (*task)(); }, priority);
         if (ret != 0) {
@@ -711,27 +716,32 @@ void SablePipeImpl::FlushBatch() {
     if (batch.empty()) {
         return;
     }
-    const size_t count = batch.size();
+    const uint32_t count = static_cast<uint32_t>(batch.size());
     std::shared_ptr<SablePipeImpl> self = weak_from_this().lock();
     int ret = -EPIPE;
+    backlog.fetch_add(count);
     if (self) {
         const int pipeFd = fd.load();
+        // A task that is not queued frees the payloads when it goes.
         std::shared_ptr<const SableTask> task = std::make_shared<RequestTask>(
             std::move(self), std::move(batch), serviceHandler, pipeFd);
         ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
+    } else {
+        for (SabloRequest& each : batch) {
+            delete[] each.data;
+        }
     }
     batch.clear();
     batch.reserve(BATCH_MAX);  // the storage went with the task
     if (ret != 0) {
-        backlog.fetch_sub(static_cast<uint32_t>(count));  // nothing was queued
+        backlog.fetch_sub(count);  // nothing was queued
         LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),
              remoteName.c_str());
     }
 }
 
-void SablePipeImpl::RunRequest(InRequest* request, const Handler& handler, int pipeFd) {
-    SabloRequest* record = request != nullptr ? &request->Record() : nullptr;
-    if (request == nullptr) {
+void SablePipeImpl::RunRequest(SabloRequest* record, const Handler& handler, int pipeFd) {
+    if (record == nullptr) {
         isCallbackHandleRemoteClose.store(true);
     }
     try {
@@ -742,10 +752,7 @@ void SablePipeImpl::RunRequest(InRequest* request, const Handler& handler, int p
         LOGE("Request callback of fd=%d threw\n", pipeFd);
     }
     OnCallbackFinished();
-    if (isConcur == 0) {
-        OnQueuedRequestDone();
-    }
-    if (request == nullptr) {
+    if (record == nullptr) {
         isCallbackHandleRemoteClose.store(false);
         SabloClosePipe(pipeFd);
         OnRemoteClosedFinished();

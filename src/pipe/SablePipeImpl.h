@@ -129,8 +129,11 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     Handler GetServiceHandler() const { return serviceHandler; }
     const Handler& ServiceHandler() const { return serviceHandler; }
     // Worker thread: runs `handler` for `request` (null: the remote has gone, after which the
-    // pipe is closed), then gives back what the request held of the pipe's limits.
-    void RunRequest(InRequest* request, const Handler& handler, int pipeFd);
+    // pipe is closed), then gives back what the request held of an isConcur pipe's limit.
+    void RunRequest(SabloRequest* request, const Handler& handler, int pipeFd);
+    // Worker thread: `count` requests queued on the pipe's own worker have finished; the
+    // receive side resumes when it had paused for them.
+    void OnQueuedRequestsDone(uint32_t count);
     // Diagnostics: callbacks of an isConcur pipe queued or running; requests still waiting for
     // their response.
     uint32_t GetCallbacksInFlight() const {
@@ -184,8 +187,6 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     ReadStatus ReadOne(SableComm::EpollTimeRecord& record);
     // True when the receive side is to stop (the pipe's worker is full); see BACKLOG_PAUSE.
     bool PauseReceive();
-    // A request of the pipe's own worker has finished.
-    void OnQueuedRequestDone();
     // Receive thread: queues the requests gathered during this turn as one task.
     void FlushBatch();
     // Receive thread: reads and handles frames for one turn (see HandleEvent).
@@ -244,7 +245,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Read and not yet parsed; receive thread only.
     FrameBuffer inBuffer;
     // Requests read during the present turn, not yet queued; receive thread only.
-    std::vector<std::shared_ptr<InRequest>> batch;
+    // Their payloads (new[] arrays) are owned here until the batch's task takes them.
+    std::vector<SabloRequest> batch;
     std::atomic<bool> isCallbackHandleRemoteClose{false};
     // Guards the out-request list against the response path; taken before the list's own
     // mutex and before a request's mutex.
