@@ -39,7 +39,7 @@ int64_t RunTimeRecord::CalculationInterval(const timespec& later, const timespec
 
 void RunTimeRecord::RecordCurrentTime() {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(clockId, &now);
     RecordTime(now);
 }
 

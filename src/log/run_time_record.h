@@ -23,11 +23,13 @@ uint64_t ToMicroseconds(const timespec& monotonic);
 class RunTimeRecord {
   public:
     // `totalTimeMs`: the budget of the whole operation in milliseconds.
-    explicit RunTimeRecord(uint64_t totalTimeMs) : totalTime(totalTimeMs) {}
+    // `clock`: the clock every recorded point is read from (a monotonic one).
+    explicit RunTimeRecord(uint64_t totalTimeMs, clockid_t clock = CLOCK_MONOTONIC)
+        : totalTime(totalTimeMs), clockId(clock) {}
 
     // Microseconds from `earlier` to `later`; 0 when `later` lies before `earlier`.
     int64_t CalculationInterval(const timespec& later, const timespec& earlier) const;
-    // Appends the monotonic clock's current value as the next point.
+    // Appends the record's clock's current value as the next point.
     void RecordCurrentTime();
     // Appends `point` (a monotonic clock value) as the next point.
     void RecordTime(const timespec& point);
@@ -47,6 +49,7 @@ class RunTimeRecord {
     }
 
     uint64_t totalTime;  // budget in milliseconds
+    clockid_t clockId;
     uint64_t pointNum = 0;
     timespec inlinePoints[kInlinePoints] = {};
     std::vector<timespec> morePoints;  // points beyond the inline ones, in order

@@ -35,7 +35,7 @@ bool FieldOk(int32_t ret, size_t expected) {
 
 }  // namespace
 
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime) {
+int BuildFrameEnds(OutMessage& msg, FrameEnds& ends, uint64_t writeStartTime) {
     if (!msg.SizeValid()) {
         return -EINVAL;
     }
@@ -43,25 +43,36 @@ int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_
         LOGE("Send msg data ptr is null\n");
         return -EINVAL;
     }
-    uint32_t checksum = msg.Checksum();
-    size_t size = msg.Size();
+    const uint32_t checksum = msg.Checksum();
+    Put<uint32_t>(ends.header, MagicReceiver::MAGIC);
+    Put<uint32_t>(ends.header + kIdOffset, msg.id);
+    Put<uint32_t>(ends.header + kTypeOffset, msg.type);
+    Put<uint32_t>(ends.header + kLenOffset, msg.payloadLen);
+    Put<uint32_t>(ends.trailer, checksum);
+    Put<int32_t>(ends.trailer + 4, msg.timeout);
+    Put<uint64_t>(ends.trailer + 8, writeStartTime);
+    return 0;
+}
+
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len,
+               uint64_t writeStartTime) {
+    FrameEnds ends;
+    int ret = BuildFrameEnds(msg, ends, writeStartTime);
+    if (ret != 0) {
+        return ret;
+    }
+    const size_t size = msg.Size();
     if (capacity < size) {
         return -ENOMEM;
     }
-    Put<uint32_t>(buf, MagicReceiver::MAGIC);
-    Put<uint32_t>(buf + kIdOffset, msg.id);
-    Put<uint32_t>(buf + kTypeOffset, msg.type);
-    Put<uint32_t>(buf + kLenOffset, msg.payloadLen);
-    errno_t ret =
+    memcpy(buf, ends.header, FrameEnds::SIZE);
+    errno_t copied =
         memcpy_s(buf + kPayloadOffset, size - kPayloadOffset, msg.dataOut, msg.payloadLen);
-    if (ret != 0) {
-        LOGE("memcpy_s msg.dataOut fail, ret = %d\n", ret);
-        return -ret;
+    if (copied != 0) {
+        LOGE("memcpy_s msg.dataOut fail, ret = %d\n", copied);
+        return -copied;
     }
-    char* trailer = buf + kPayloadOffset + msg.payloadLen;
-    Put<uint32_t>(trailer, checksum);
-    Put<int32_t>(trailer + 4, msg.timeout);
-    Put<uint64_t>(trailer + 8, writeStartTime);
+    memcpy(buf + kPayloadOffset + msg.payloadLen, ends.trailer, FrameEnds::SIZE);
     len = size;
     return 0;
 }

@@ -138,10 +138,21 @@ TEST(MagicReceiver, EndOfFileIsQuietBetweenFramesAndAnErrorInsideTheMagic) {
     EXPECT_EQ(cap.Lines()[0].level, LOG_ERR);
 }
 
-TEST(Message, ChecksumOfOneByteFFIsA6B7C9DA) {
+TEST(Message, ChecksumOfOneByteFFIsA6B7C9DAAndEveryLengthSumsEveryByte) {
     std::vector<uint8_t> one{0xFF};
     SabloRequest req{1, one.data(), 1};
     EXPECT_EQ(OutMessage(1, req, 100).Checksum(), 0xA6B7C9DAu);
+    // The sum runs in 16-byte steps with a tail: every length and alignment must add up alike.
+    std::vector<uint8_t> bytes(4000 + 15);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(255 - i * 7);
+    for (uint32_t offset : {0u, 1u, 15u}) {
+        for (uint32_t len = 1; len <= 4000; len += (len < 70 ? 1 : 397)) {
+            std::vector<uint8_t> payload(bytes.begin() + offset, bytes.begin() + offset + len);
+            SabloRequest r{3, bytes.data() + offset, len};
+            ASSERT_EQ(OutMessage(3, r, 100).Checksum(), SumOf(3, 0, payload))
+                << "offset " << offset << " length " << len;
+        }
+    }
 }
 
 TEST(MessageFrame, BuiltFrameLaysOutTheFieldsAndReadsBack) {
