@@ -10,8 +10,14 @@
  * errno value on failure. All functions may be called from any thread, request callbacks
  * included.
  *
- * A send to a peer that has gone fails with -EPIPE; the SIGPIPE the write raises is held back
- * in the sending thread and discarded, so the process's own SIGPIPE disposition is untouched.
+ * A send to a peer that has gone fails with -EPIPE, and the SIGPIPE its write raises never
+ * reaches the process. SIGPIPE: an application that ignores it or has a handler of its own
+ * keeps it as it is (the handler never hears of the library's writes). Where SIGPIPE has its
+ * default action, the library puts a handler of its own in place, which ends the process for
+ * every SIGPIPE but its own writes', exactly as the default action does. A SIGPIPE setting
+ * made later is followed at the next open and, on the send path, within 0.1 s: set it before
+ * opening pipes (a send meeting a peer that has just gone in between would get the new
+ * setting). The library is never unloaded.
  */
 #ifndef SABLE_COMM_H
 #define SABLE_COMM_H

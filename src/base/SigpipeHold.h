@@ -1,85 +1,90 @@
 // Keeping SIGPIPE from ending the process when a FIFO's reader has gone.
 //
-// A write to a FIFO without a reader raises SIGPIPE, whose default action ends the whole
-// process; the library promises -EPIPE instead. Library threads block SIGPIPE once, when they
-// start (BlockSigpipeForThread), and so pay nothing per write. On an application thread a
-// SigpipeHold blocks the signal for the one write and, when that write broke the pipe, takes the
-// raised signal off again before restoring the mask. A thread that blocks SIGPIPE itself keeps
-// its own handling of it (the signal then stays pending for it).
+// A write to a FIFO without a reader raises SIGPIPE in the writing thread, and its default
+// action ends the whole process; the library promises -EPIPE instead. How a write is kept safe
+// depends on the thread and on the process's SIGPIPE disposition:
+//
+//  - Library threads block SIGPIPE once, when they start (BlockSigpipeForThread); a signal a
+//    write raises is taken off again (Discard).
+//  - On application threads, when the disposition is the default action, the library puts its
+//    own handler in its place (once): the handler lets a SIGPIPE raised by a library write
+//    pass and ends the process, exactly as the default action would, for any other SIGPIPE.
+//    When the disposition is "ignore", nothing is needed. Either way a write costs no system
+//    call of its own.
+//  - When the application has a handler of its own, the write blocks SIGPIPE around itself and
+//    takes the raised signal off again, so that the handler never hears of the library's
+//    writes (two more system calls per write).
+//
+// The disposition is looked at again at most every CHECK_PERIOD_MS on the write path and on
+// every pipe open, so a later change by the application (to a handler, to "ignore", or back to
+// the default action, over which the library's handler goes again) is followed.
+//
+// A thread that blocks SIGPIPE itself keeps its own handling of it: the signal then stays
+// pending for it, as it would without the library.
 #ifndef SABLE_BASE_SIGPIPE_HOLD_H
 #define SABLE_BASE_SIGPIPE_HOLD_H
 
-#include <errno.h>
-#include <pthread.h>
 #include <signal.h>
-#include <time.h>
 
 namespace sable {
 
 namespace detail {
-inline thread_local bool sigpipeBlockedForLife = false;
-
-inline sigset_t SigpipeSet() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGPIPE);
-    return set;
-}
-
-// Takes a pending SIGPIPE of the calling thread, if any, without waiting.
-inline void DiscardPendingSigpipe() {
-    const sigset_t set = SigpipeSet();
-    const struct timespec now = {0, 0};
-    while (sigtimedwait(&set, nullptr, &now) == -1 && errno == EINTR) {
-    }
-}
+// Set for a library thread's whole life. (__thread: plain static TLS, read without a call.)
+extern __thread bool sigpipeBlockedForLife __attribute__((tls_model("initial-exec")));
+// Set while the thread is in a library write (read by the library's SIGPIPE handler).
+extern __thread volatile sig_atomic_t inLibraryWrite __attribute__((tls_model("initial-exec")));
+// True when an application thread's write must hold SIGPIPE back itself (the application has
+// a handler of its own); looks at the disposition again when it is due.
+bool WriteMustHoldSigpipe();
 }  // namespace detail
 
 // For the first thing a library thread does: SIGPIPE stays blocked for the thread's life.
-inline void BlockSigpipeForThread() {
-    const sigset_t set = detail::SigpipeSet();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    detail::sigpipeBlockedForLife = true;
-}
-
+void BlockSigpipeForThread();
 // True on a thread that called BlockSigpipeForThread.
 inline bool SigpipeBlockedForThread() {
     return detail::sigpipeBlockedForLife;
 }
+// Looks at the process's SIGPIPE disposition now (and puts the library's handler in place of
+// the default action). For the open of a pipe: a disposition changed since is followed before
+// the pipe's first write.
+void CheckSigpipeDisposition();
 
-// Holds SIGPIPE back around one write. Free (no system call) on library threads.
+// Keeps SIGPIPE from one write from reaching the process. Free (no system call) on library
+// threads and, unless the application has its own SIGPIPE handler, on application threads.
 class SigpipeHold {
   public:
     SigpipeHold() {
         if (detail::sigpipeBlockedForLife) {
             return;
         }
-        const sigset_t set = detail::SigpipeSet();
-        sigset_t old;
-        pthread_sigmask(SIG_BLOCK, &set, &old);
-        changedMask = sigismember(&old, SIGPIPE) != 1;
+        if (!detail::WriteMustHoldSigpipe()) {
+            detail::inLibraryWrite = 1;
+            marked = true;
+            return;
+        }
+        Block();
     }
     ~SigpipeHold() {
+        if (marked) {
+            detail::inLibraryWrite = 0;
+        }
         if (changedMask) {
-            const sigset_t set = detail::SigpipeSet();
-            pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+            Unblock();
         }
     }
     SigpipeHold(const SigpipeHold&) = delete;
     SigpipeHold& operator=(const SigpipeHold&) = delete;
 
-    // The write failed with EPIPE: take the signal it raised, unless the application blocks
-    // SIGPIPE itself and so handles it. Saves and restores errno.
-    void Discard() {
-        if (changedMask || detail::sigpipeBlockedForLife) {
-            int savedErrno = errno;
-            detail::DiscardPendingSigpipe();
-            errno = savedErrno;
-        }
-    }
+    // The write failed with EPIPE: take the signal it raised off again, unless the application
+    // blocks SIGPIPE itself and so handles it. Saves and restores errno.
+    void Discard();
 
   private:
+    void Block();
+    void Unblock();
+
     bool changedMask = false;  // this hold blocked the signal and must unblock it
+    bool marked = false;       // this hold set inLibraryWrite
 };
 
 }  // namespace sable

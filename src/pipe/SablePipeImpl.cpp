@@ -291,6 +291,8 @@ int SablePipeImpl::CreateAndOpenFifo(const std::string& name, int oflag) {
 int SablePipeImpl::TimedOpen(int timeoutMs) {
     LOGI("begin Timed Open readFd(%d) remote(%s), closeAction=(%d)\n", readFd.load(),
          remoteName.c_str(), closeFdAction.load());
+    // Before the pipe's first write: follow what the application did with SIGPIPE meanwhile.
+    sable::CheckSigpipeDisposition();
     TimedLock lock(&openMutex, timeoutMs);
     int ret = lock.Lock();
     if (ret != 0) {

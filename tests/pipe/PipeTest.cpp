@@ -6,11 +6,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <future>
 
 #include "ChildProcess.h"
+#include "FreshProcess.h"
 #include "LogCapture.h"
 #include "PipeRig.h"
 #include "base/UniqueFd.h"
@@ -107,6 +109,89 @@ TEST(PipeOpen, FifoPathOf255CharactersFailsAndCreatesNothing) {
         EXPECT_TRUE(cap.Contains("set go name fail"));
         EXPECT_TRUE(FifoFilesWith(rig.tag).empty()) << "mode " << mode;
     }
+}
+
+namespace {
+
+std::atomic<int> applicationSigpipes{0};
+void CountSigpipe(int) {
+    applicationSigpipes++;
+}
+
+// Sends once more after the pipe's reader has gone: the result, with what was wrong if
+// anything, in `p`.
+int SendToAGoneReader(PipeRig& rig, const std::string& suffix) {
+    auto a = rig.Make(rig.Name("a" + suffix), rig.Name("b" + suffix), SABLO_MODE_CREATE, 0);
+    if (a->TimedOpen(0) != 0) return 1;
+    Payload p(5, 64);
+    {
+        sable::UniqueFd reader(
+            open(a->GetWriteFifoName().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        if (a->Send(p.Request(), 100) != 0) return 2;
+    }
+    return a->Send(p.Request(), 100);
+}
+
+void ExpectNothingPending(sable_test::Problems& p) {
+    sigset_t pending;
+    sigpending(&pending);
+    p.True(sigismember(&pending, SIGPIPE) == 0, "no SIGPIPE left pending");
+}
+
+// How the process ends when it raises SIGPIPE outside the library (in a child of this one).
+int OwnSigpipeEndsBy() {
+    pid_t child = fork();
+    if (child == 0) {
+        int fds[2];
+        if (pipe(fds) == 0) {
+            close(fds[0]);
+            ssize_t n = write(fds[1], "x", 1);  // not the library's: the default action applies
+            (void)n;
+        }
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? WTERMSIG(status) : -WEXITSTATUS(status);
+}
+
+}  // namespace
+
+// Whatever the application made of SIGPIPE, a send to a gone reader answers -EPIPE and the
+// signal reaches neither the process nor the application's handler; a SIGPIPE of the
+// application's own still gets its own disposition, the default action included.
+TEST(PipeSend, AGoneReaderNeverSignalsTheProcessWhateverItsSigpipeDisposition) {
+    SABLE_EXPECT_IN_FRESH_PROCESS(([] {
+        sable_test::Problems p;
+        signal(SIGPIPE, SIG_DFL);
+        PipeRig rig;
+        p.Eq(SendToAGoneReader(rig, "d"), -EPIPE, "default action: the send");
+        ExpectNothingPending(p);
+        p.Eq(OwnSigpipeEndsBy(), SIGPIPE, "the process's own SIGPIPE ends it as before");
+        // The application sets a handler, and later the default action again: the library
+        // follows (at the next open here).
+        signal(SIGPIPE, CountSigpipe);
+        p.Eq(SendToAGoneReader(rig, "h"), -EPIPE, "own handler: the send");
+        p.Eq(applicationSigpipes.load(), 0, "the application's handler heard nothing");
+        raise(SIGPIPE);
+        p.Eq(applicationSigpipes.load(), 1, "the application's handler has its own signals");
+        signal(SIGPIPE, SIG_DFL);
+        p.Eq(SendToAGoneReader(rig, "e"), -EPIPE, "default action again: the send");
+        p.Eq(OwnSigpipeEndsBy(), SIGPIPE, "the process's own SIGPIPE still ends it");
+        ExpectNothingPending(p);
+        return p.Text();
+    }));
+    SABLE_EXPECT_IN_FRESH_PROCESS(([] {
+        sable_test::Problems p;
+        signal(SIGPIPE, SIG_IGN);
+        PipeRig rig;
+        p.Eq(SendToAGoneReader(rig, "i"), -EPIPE, "ignored: the send");
+        struct sigaction now {};
+        sigaction(SIGPIPE, nullptr, &now);
+        p.True(now.sa_handler == SIG_IGN, "an ignored SIGPIPE stays ignored");
+        ExpectNothingPending(p);
+        return p.Text();
+    }));
 }
 
 TEST(PipeSend, FullFifoIsEagainAGoneReaderEpipeAndAClosedPipeStaysClosed) {
