@@ -474,9 +474,9 @@ int SablePipeImpl::Write(const struct iovec* parts, int count, size_t len, unsig
         return -EPIPE;  // closed after the caller looked
     }
     // Only a write slower than 50 ms is reported: the coarse clock (a few ms) is fine enough
-    // and far cheaper to read.
-    SableComm::RunTimeRecord record(kSlowStepMs, CLOCK_MONOTONIC_COARSE);
-    record.RecordCurrentTime();
+    // and far cheaper to read, and the record is filled only for such a write.
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &start);
     // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
     ssize_t n = 0;
     int savedErrno = 0;
@@ -489,7 +489,12 @@ int SablePipeImpl::Write(const struct iovec* parts, int count, size_t len, unsig
             sigpipe.Discard();
         }
     }
-    if (record.WhetherTotalTimeHasTimeout()) {
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
+    SableComm::RunTimeRecord record(kSlowStepMs);
+    if (record.ExceedsBudget(record.CalculationInterval(end, start))) {
+        record.RecordTime(start);
+        record.RecordTime(end);
         record.RunTimePrint("Writing " + writeFifoName + " takes more than " + "50" +
                             "ms. fd=" + std::to_string(fd.load()) +
                             ", FifoFd=" + std::to_string(wfd) + ", Msgid=" + std::to_string(msgId));
@@ -523,6 +528,11 @@ std::unique_ptr<InMessage> SablePipeImpl::RecvMessage(SableComm::EpollTimeRecord
 
 SablePipeImpl::ReadStatus SablePipeImpl::ReadOne(SableComm::EpollTimeRecord& /*record*/) {
     InMessage msg(0, 0, 0);
+    if (readFd.load() >= 0 && TakeWholeFrame(inBuffer, msg)) {
+        // A whole frame already read: taking it from the buffer touches no descriptor.
+        ProcessMessage(msg);
+        return ReadStatus::FRAME;
+    }
     {
         // Shared: a close waits until this frame is read, and no descriptor number is read
         // after it was closed and possibly reused.
