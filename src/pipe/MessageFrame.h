@@ -19,8 +19,7 @@
 // Thread-safe for distinct messages.
 int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
 // The 16 bytes before the payload (magic, id, type, payloadLen) and the 16 after it (checksum,
-// timeout, write time): a sender writes the three parts with one writev, the payload straight
-// from the caller's buffer.
+// timeout, write time), for a sender that puts the frame together itself.
 struct FrameEnds {
     static constexpr size_t SIZE = 16;
     char header[SIZE];

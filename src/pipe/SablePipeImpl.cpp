@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,8 +32,6 @@ constexpr unsigned int kMaxBackoffUs = 20000;
 constexpr uint64_t kSlowStepMs = 50;
 constexpr int kLongRunModeMs = 18000000;  // five hours
 constexpr uint32_t kMaxConcurrentCallbacks = 200;
-// Payloads up to this size are copied into the frame on the stack rather than passed to writev.
-constexpr uint32_t kCopiedPayloadMax = 1024;
 
 // The pipe whose turn the calling receive thread is in: its requests are gathered and queued
 // together at the end of the turn.
@@ -441,23 +438,15 @@ int SablePipeImpl::Send(OutMessage& msg) {
 int SablePipeImpl::Write(OutMessage& msg) {
     FrameEnds ends;
     int ret = BuildFrameEnds(msg, ends, SableComm::GetCurrentTime());
-    if (ret == 0 && msg.payloadLen <= kCopiedPayloadMax) {
-        // A small frame is put together on the stack and written in one piece: cheaper than
-        // handing the kernel three pieces. (The length is checked: BuildFrameEnds refused any
-        // payload over MAX_PAYLOAD_LEN.)
-        char frame[FrameEnds::SIZE + kCopiedPayloadMax + FrameEnds::SIZE];
+    if (ret == 0) {
+        // Put together on the stack and written in one piece. (A writev of the three parts
+        // would spare the copy, but costs the kernel more than the copy costs here.) The length
+        // is checked: BuildFrameEnds refused any payload over MAX_PAYLOAD_LEN.
+        char frame[FrameEnds::SIZE + Message::MAX_PAYLOAD_LEN + FrameEnds::SIZE];
         memcpy(frame, ends.header, FrameEnds::SIZE);
         memcpy(frame + FrameEnds::SIZE, msg.dataOut, msg.payloadLen);
         memcpy(frame + FrameEnds::SIZE + msg.payloadLen, ends.trailer, FrameEnds::SIZE);
-        struct iovec whole = {frame, msg.Size()};
-        ret = Write(&whole, 1, msg.Size(), msg.id);
-    } else if (ret == 0) {
-        // A large payload goes from the caller's buffer straight to the FIFO, between the
-        // frame's header and trailer, in one writev: it is copied once, by the kernel.
-        struct iovec parts[3] = {{ends.header, FrameEnds::SIZE},
-                                 {msg.dataOut, msg.payloadLen},
-                                 {ends.trailer, FrameEnds::SIZE}};
-        ret = Write(parts, 3, msg.Size(), msg.id);
+        ret = Write(frame, msg.Size(), msg.id);
     }
     LOGD(
         "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
@@ -467,7 +456,7 @@ int SablePipeImpl::Write(OutMessage& msg) {
     return ret;
 }
 
-int SablePipeImpl::Write(const struct iovec* parts, int count, size_t len, unsigned int msgId) {
+int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
     sable::ReaderLock lock(fdMutex);
     int wfd = writeFd.load();
     if (wfd < 0) {
@@ -482,8 +471,7 @@ int SablePipeImpl::Write(const struct iovec* parts, int count, size_t len, unsig
     int savedErrno = 0;
     {
         sable::SigpipeHold sigpipe;
-        n = count == 1 ? write(wfd, parts[0].iov_base, parts[0].iov_len)
-                       : writev(wfd, parts, count);
+        n = write(wfd, buf, len);
         savedErrno = errno;
         if (n == -1 && savedErrno == EPIPE) {
             sigpipe.Discard();

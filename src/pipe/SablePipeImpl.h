@@ -83,8 +83,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int Send(const SabloResponse& rsp);
     int Send(OutMessage& msg);
     int Write(OutMessage& msg);
-    // The raw writer: one writev of the frame's `count` parts, `len` bytes in all.
-    int Write(const struct iovec* parts, int count, size_t len, unsigned int msgId);
+    // The raw writer: one write of the `len` bytes of the frame in `buf`.
+    int Write(const char* buf, size_t len, unsigned int msgId);
     // Takes exactly `len` bytes of the read FIFO (through the receive buffer: see FrameBuffer);
     // the count, 0 at end of file, or a negative errno / -1 for a short read. Receive thread
     // only.
