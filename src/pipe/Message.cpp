@@ -22,7 +22,8 @@ constexpr uint64_t kFifoAtomicWriteSize = 4096;
 #if defined(__GNUC__) && !defined(__clang__)
 __attribute__((optimize("tree-vectorize", "vect-cost-model=dynamic")))
 #endif
-uint32_t SumBytesPlain(const uint8_t* bytes, uint32_t len) {
+uint32_t
+SumBytesPlain(const uint8_t* bytes, uint32_t len) {
     uint32_t sum = 0;
     for (uint32_t i = 0; i < len; ++i) {
         sum += bytes[i];

@@ -54,8 +54,7 @@ int BuildFrameEnds(OutMessage& msg, FrameEnds& ends, uint64_t writeStartTime) {
     return 0;
 }
 
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len,
-               uint64_t writeStartTime) {
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime) {
     FrameEnds ends;
     int ret = BuildFrameEnds(msg, ends, writeStartTime);
     if (ret != 0) {

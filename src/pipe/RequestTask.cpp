@@ -13,8 +13,8 @@ RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, std::shared_ptr<I
     SetHandler(fn);
 }
 
-RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, std::vector<SabloRequest> requests,
-                         const Handler& fn, int pipeFd)
+RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, Batch requests, const Handler& fn,
+                         int pipeFd)
     : SableTask(nullptr),
       pipe(std::move(owner)),
       batch(std::move(requests)),

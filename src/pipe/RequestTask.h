@@ -2,9 +2,9 @@
 #ifndef SABLE_PIPE_REQUEST_TASK_H
 #define SABLE_PIPE_REQUEST_TASK_H
 
+#include <deque>
 #include <functional>
 #include <memory>
-#include <vector>
 
 #include "pool/SableTask.h"
 #include "sable_comm.h"
@@ -19,6 +19,9 @@ class SablePipeImpl;
 class RequestTask final : public SableTask {
   public:
     using Handler = std::function<void(int, SabloRequest*)>;
+    // Requests of one receive turn. A deque: a long turn's records grow in small blocks, never
+    // in one large allocation.
+    using Batch = std::deque<SabloRequest>;
 
     // `handler` is referred to, not copied, when it is the pipe's own request callback (which
     // lives as long as the pipe this task holds); any other handler is copied. `queued`: the
@@ -28,8 +31,7 @@ class RequestTask final : public SableTask {
     // The requests of `batch`, in order; each counts in the backlog. The task owns their
     // payloads (new[] arrays) and frees each one after its callback, or when it is destroyed
     // without having run.
-    RequestTask(std::shared_ptr<SablePipeImpl> pipe, std::vector<SabloRequest> batch,
-                const Handler& handler, int fd);
+    RequestTask(std::shared_ptr<SablePipeImpl> pipe, Batch batch, const Handler& handler, int fd);
     ~RequestTask() override;
     RequestTask(const RequestTask&) = delete;
     RequestTask& operator=(const RequestTask&) = delete;
@@ -40,8 +42,8 @@ class RequestTask final : public SableTask {
     void SetHandler(const Handler& fn);
 
     std::shared_ptr<SablePipeImpl> pipe;
-    std::shared_ptr<InRequest> request;       // the single request (null: a remote-close notice)
-    mutable std::vector<SabloRequest> batch;  // emptied as it runs
+    std::shared_ptr<InRequest> request;  // the single request (null: a remote-close notice)
+    mutable Batch batch;                 // emptied as it runs
     Handler copied;
     const Handler* handler;
     int fd;

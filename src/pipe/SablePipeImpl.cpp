@@ -747,7 +747,6 @@ void SablePipeImpl::FlushBatch() {
         }
     }
     batch.clear();
-    batch.reserve(BATCH_MAX);  // the storage went with the task
     if (ret != 0) {
         backlog.fetch_sub(count);  // nothing was queued
         LOGE("Observer handle request failed(%d) for readFd(%d) remote(%s)\n", ret, readFd.load(),

@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -111,10 +112,9 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // request that was read always finds room.
     static constexpr uint32_t BACKLOG_PAUSE = 992;
     static constexpr uint32_t BACKLOG_RESUME = 496;
-    // Requests of one turn handed to the worker together (one task, one wake-up). The batch's
-    // records then take under 1 KiB, which malloc serves from its small bins without first
-    // consolidating its free lists.
-    static constexpr size_t BATCH_MAX = 40;
+    // Requests of one turn are handed to the worker together: one task, and on a busy CPU one
+    // wake-up of the worker per turn rather than one per slice of the turn.
+    static constexpr size_t BATCH_MAX = FRAMES_PER_TURN;
 
     // --- dispatch ---
     virtual void ProcessMessage(InMessage& msg);
@@ -246,8 +246,9 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Read and not yet parsed; receive thread only.
     FrameBuffer inBuffer;
     // Requests read during the present turn, not yet queued; receive thread only.
-    // Their payloads (new[] arrays) are owned here until the batch's task takes them.
-    std::vector<SabloRequest> batch;
+    // Their payloads (new[] arrays) are owned here until the batch's task takes them. A deque: a
+    // long turn's records grow in small blocks, never in one large allocation.
+    std::deque<SabloRequest> batch;
     std::atomic<bool> isCallbackHandleRemoteClose{false};
     // Guards the out-request list against the response path; taken before the list's own
     // mutex and before a request's mutex.
