@@ -15,6 +15,42 @@ const char* OrEmpty(const char* s) {
     return s != nullptr ? s : "";
 }
 
+// The table and the pipe of the last number this thread sent on. A number is never given to
+// another pipe, so while the pipe is still in the table the number still names it: a thread
+// that keeps sending on one pipe finds both by two weak references instead of two locked
+// lookups.
+struct SendCache {
+    int fd = 0;
+    std::weak_ptr<SableTable> table;
+    std::weak_ptr<SablePipeImpl> pipe;
+};
+thread_local SendCache sendCache;
+
+// Fills `table` and `pipe` from the cache when it still holds for `fd`; false otherwise (then
+// both are left empty).
+bool CachedPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
+    if (fd < 1 || sendCache.fd != fd || !TableFactory::IsAlive()) {
+        return false;
+    }
+    table = sendCache.table.lock();
+    if (table) {
+        pipe = sendCache.pipe.lock();
+        if (pipe && pipe->InTable()) {
+            return true;
+        }
+    }
+    table.reset();
+    pipe.reset();
+    return false;
+}
+
+void RememberPipe(int fd, const std::shared_ptr<SableTable>& table,
+                  const std::shared_ptr<SablePipeImpl>& pipe) {
+    sendCache.fd = fd;
+    sendCache.table = table;
+    sendCache.pipe = pipe;
+}
+
 }  // namespace
 
 // The attribute fields in the order of the "open" log lines.
@@ -148,15 +184,20 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
         return -EINVAL;
     }
     LOGI("SendRequest id=%u, size=%u bytes\n", req->id, req->size);
-    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
-    if (!table) {
-        LOGI("SabloSendRequest unfinished, because table is destroyed\n");
-        return -ENOENT;
-    }
-    std::shared_ptr<SablePipeImpl> pipe = table->GetPipe(fd);
-    if (!pipe) {
-        LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
-        return -ENOENT;
+    std::shared_ptr<SableTable> table;
+    std::shared_ptr<SablePipeImpl> pipe;
+    if (!CachedPipe(fd, table, pipe)) {
+        table = TableFactory::GetInstance();
+        if (!table) {
+            LOGI("SabloSendRequest unfinished, because table is destroyed\n");
+            return -ENOENT;
+        }
+        pipe = table->GetPipe(fd);
+        if (!pipe) {
+            LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
+            return -ENOENT;
+        }
+        RememberPipe(fd, table, pipe);
     }
     return pipe->Send(*req, -1);
 }
@@ -167,15 +208,20 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
         return -EINVAL;
     }
     LOGI("SendResponse id=%u, size=%u bytes\n", resp->id, resp->size);
-    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
-    if (!table) {
-        LOGI("SabloSendResponse unfinished, because table is destroyed\n");
-        return -ENOENT;
-    }
-    std::shared_ptr<SablePipeImpl> pipe = table->GetPipe(fd);
-    if (!pipe) {
-        LOGE("GetPipe fail, please check input fd(%d).\n", fd);
-        return -ENOENT;
+    std::shared_ptr<SableTable> table;
+    std::shared_ptr<SablePipeImpl> pipe;
+    if (!CachedPipe(fd, table, pipe)) {
+        table = TableFactory::GetInstance();
+        if (!table) {
+            LOGI("SabloSendResponse unfinished, because table is destroyed\n");
+            return -ENOENT;
+        }
+        pipe = table->GetPipe(fd);
+        if (!pipe) {
+            LOGE("GetPipe fail, please check input fd(%d).\n", fd);
+            return -ENOENT;
+        }
+        RememberPipe(fd, table, pipe);
     }
     return pipe->Send(*resp);
 }
@@ -188,15 +234,20 @@ int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeou
     if (resp == nullptr) {
         return SabloSendRequest(fd, req);
     }
-    std::shared_ptr<SableTable> table = TableFactory::GetInstance();
-    if (!table) {
-        LOGE("SabloTimedRPCSync failed, because table is destroyed\n");
-        return -ENOENT;
-    }
-    std::shared_ptr<SablePipeImpl> pipe = table->GetPipe(fd);
-    if (!pipe) {
-        LOGE_R("GetPipe fail, please check input fd(%d).\n", fd);
-        return -ENOENT;
+    std::shared_ptr<SableTable> table;
+    std::shared_ptr<SablePipeImpl> pipe;
+    if (!CachedPipe(fd, table, pipe)) {
+        table = TableFactory::GetInstance();
+        if (!table) {
+            LOGE("SabloTimedRPCSync failed, because table is destroyed\n");
+            return -ENOENT;
+        }
+        pipe = table->GetPipe(fd);
+        if (!pipe) {
+            LOGE_R("GetPipe fail, please check input fd(%d).\n", fd);
+            return -ENOENT;
+        }
+        RememberPipe(fd, table, pipe);
     }
     int ret = pipe->RecordOutRequest(*req, *resp, timeoutMs);
     if (ret < 0) {

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <memory>
 
 namespace sable {
@@ -29,7 +30,7 @@ class SingletonProtector {
     std::shared_ptr<T> Get() {
         pthread_rwlock_rdlock(&lock);
         std::shared_ptr<T> result;
-        if (alive) {
+        if (alive.load(std::memory_order_relaxed)) {
             result = instance.lock();
         }
         pthread_rwlock_unlock(&lock);
@@ -39,13 +40,17 @@ class SingletonProtector {
     // After this every Get() returns empty.
     void MarkDead() {
         pthread_rwlock_wrlock(&lock);
-        alive = false;
+        alive.store(false);
         pthread_rwlock_unlock(&lock);
     }
 
+    // Without the lock, for a caller that already holds a weak reference of its own: false once
+    // MarkDead has run, after which that reference must not be used either.
+    bool IsAlive() const { return alive.load(std::memory_order_acquire); }
+
   private:
-    bool alive = true;          // guarded by lock
-    std::weak_ptr<T> instance;  // read under lock; does not keep the object alive
+    std::atomic<bool> alive{true};  // written under lock
+    std::weak_ptr<T> instance;      // read under lock; does not keep the object alive
     pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
 };
 

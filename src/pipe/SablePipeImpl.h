@@ -171,6 +171,10 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int EndOpen() { return openers.fetch_sub(1) - 1; }
     int Openers() const { return openers.load(); }
     void MarkHandedOut() { handedOut.store(true); }
+    // Whether the table holds the pipe under its number (set and cleared under the table's
+    // lock): a number looked up earlier still names this pipe exactly while it does.
+    void SetInTable(bool in) { inTable.store(in); }
+    bool InTable() const { return inTable.load(); }
     bool HandedOut() const { return handedOut.load(); }
 
     int GetReadFd() const { return readFd.load(std::memory_order_relaxed); }
@@ -222,6 +226,7 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     std::atomic<unsigned int> nextId{0};
     std::atomic<int> openers{0};
     std::atomic<bool> handedOut{false};
+    std::atomic<bool> inTable{false};
 
     // Serialises TimedOpen; taken first, before any other lock of the pipe.
     std::timed_mutex openMutex;

@@ -64,6 +64,7 @@ int SableTable::MakeAndAddPipe(const SabloAttr* attr, SabloPipeType type) {
             replaced = it->second;
             const int oldFd = replaced->GetPipeFd();
             RemoveDataMonitor(oldFd);
+            replaced->SetInTable(false);
             pipeFdTable.erase(oldFd);
             pipeKeyTable.erase(it);
             LOGI("pipe(%d) is removed from table\n", oldFd);
@@ -127,6 +128,7 @@ bool SableTable::FinishOpen(const std::shared_ptr<SablePipeImpl>& pipe, int fd, 
     }
     RemoveDataMonitor(fd);
     pipe->DeInitPipe();  // before it leaves the table, as in CloseSablePipe
+    pipe->SetInTable(false);
     pipeFdTable.erase(it);
     pipeKeyTable.erase(pipe->GetTableKey());
     LOGI("pipe(%d) is removed from table\n", fd);
@@ -145,6 +147,7 @@ int SableTable::Insert(std::shared_ptr<SablePipeImpl> pipe) {
     pipe->SetFd(fd);
     pipeFdTable.emplace(fd, pipe);
     pipeKeyTable.emplace(pipe->GetTableKey(), pipe);
+    pipe->SetInTable(true);
     LOGD("Pipe table size: %d, alloc fd = %d\n", static_cast<int>(pipeFdTable.size()), fd);
     return fd;
 }
@@ -249,6 +252,7 @@ void SableTable::CloseSablePipe(int fd) {
         // Closed before it leaves the table: its files are gone before the same pair can be
         // opened anew (a close that unlinked after that would remove the new pipe's files).
         pipe->DeInitPipe();
+        pipe->SetInTable(false);
         pipeFdTable.erase(it);
         pipeKeyTable.erase(pipe->GetTableKey());
         LOGI("pipe(%d) is removed from table\n", fd);
@@ -271,6 +275,7 @@ void SableTable::DisableSableTable() {
         sable::WriterLock lock(tableLock);
         for (auto& entry : pipeFdTable) {
             entry.second->DeInitPipe();
+            entry.second->SetInTable(false);
         }
         closed.swap(pipeFdTable);
         pipeKeyTable.clear();

@@ -57,7 +57,9 @@ class TableHolder {
 
 }  // namespace
 
-std::shared_ptr<SableTable> TableFactory::GetInstance() {
+namespace {
+
+sable::SingletonProtector<SableTable>& Protector() {
     // Destroyed at exit in reverse order: the protector first, so a call made from a later
     // static destructor gets nothing instead of a dying table.
     static std::shared_ptr<WorkerPool> workerPool =
@@ -65,5 +67,15 @@ std::shared_ptr<SableTable> TableFactory::GetInstance() {
     static std::shared_ptr<CallbackPool> callbackPool = std::make_shared<CallbackPool>(workerPool);
     static TableHolder table(std::make_shared<SableTable>(callbackPool));
     static sable::SingletonProtector<SableTable> protector(table.Get());
-    return protector.Get();
+    return protector;
+}
+
+}  // namespace
+
+std::shared_ptr<SableTable> TableFactory::GetInstance() {
+    return Protector().Get();
+}
+
+bool TableFactory::IsAlive() {
+    return Protector().IsAlive();
 }

@@ -15,6 +15,9 @@ class TableFactory {
     // returned: after 50 ms it is disabled (waiting calls return) and they get 2 s more; only
     // a call that outlasts that destroys the table itself when it returns.
     static std::shared_ptr<SableTable> GetInstance();
+    // False once GetInstance() answers empty for good (the process is exiting); a weak
+    // reference to the table taken earlier must then not be used. Never blocks.
+    static bool IsAlive();
 };
 
 #endif

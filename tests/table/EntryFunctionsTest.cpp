@@ -117,10 +117,12 @@ TEST_F(EntryFunctionsTest, OpenChecksItsArgumentsAndNumbersPipesWithoutReuse) {
     EXPECT_EQ(Open(zero), fd0);
     EXPECT_EQ(TableFactory::GetInstance()->Size(), before + 2);
 
-    // A closed number is gone for good: nothing answers to it, and it is not given out again.
-    EXPECT_EQ(SabloClosePipe(fd0), 0);
+    // A closed number is gone for good: nothing answers to it, not even to a thread that has
+    // just sent on it, and it is not given out again.
     uint8_t byte = 1;
     SabloRequest req{0, &byte, 1};
+    EXPECT_EQ(SabloSendRequest(fd0, &req), -ENXIO) << "known, but its peer reads nothing yet";
+    EXPECT_EQ(SabloClosePipe(fd0), 0);
     EXPECT_EQ(SabloSendRequest(fd0, &req), -ENOENT);
     EXPECT_GT(Open(zero), fd2);
     EXPECT_EQ(SabloClosePipe(0x7fffffff), 0);
