@@ -8,22 +8,66 @@
 
 #include "log/NuxSyslog.h"
 
+void FrameBuffer::Lend(uint8_t* buffer) {
+    const size_t kept = Available();
+    if (kept > 0) {
+        memcpy(buffer, storage + begin, kept);
+    }
+    own.reset();
+    ownSize = 0;
+    storage = buffer;
+    begin = 0;
+    end = kept;
+}
+
+void FrameBuffer::Reclaim() {
+    const size_t kept = Available();
+    if (kept == 0) {
+        storage = nullptr;
+        begin = end = 0;
+        return;
+    }
+    std::unique_ptr<uint8_t[]> rest(new (std::nothrow) uint8_t[kept]);
+    if (!rest) {
+        LOGE("Keep %lu received bytes failed, they are dropped\n",
+             static_cast<unsigned long>(kept));
+        storage = nullptr;
+        begin = end = 0;
+        return;
+    }
+    memcpy(rest.get(), storage + begin, kept);
+    ownSize = kept;
+    own = std::move(rest);
+    storage = own.get();
+    begin = 0;
+    end = kept;
+}
+
 ssize_t FrameBuffer::Fill(int fd) {
-    if (!storage) {
-        storage.reset(new (std::nothrow) uint8_t[CAPACITY]);
-        if (!storage) {
+    if (storage == nullptr || (storage == own.get() && ownSize < CAPACITY)) {
+        // No lent buffer: one of this pipe's own, keeping what is there.
+        std::unique_ptr<uint8_t[]> full(new (std::nothrow) uint8_t[CAPACITY]);
+        if (!full) {
             return -ENOMEM;
         }
+        if (Available() > 0) {
+            memcpy(full.get(), storage + begin, Available());
+        }
+        end = Available();
+        begin = 0;
+        own = std::move(full);
+        ownSize = CAPACITY;
+        storage = own.get();
     }
     if (begin == end) {
         begin = end = 0;
     } else if (begin > 0) {
         // Only a frame cut by the end of the last read is moved: at most one frame's bytes.
-        memmove(storage.get(), storage.get() + begin, end - begin);
+        memmove(storage, storage + begin, end - begin);
         end -= begin;
         begin = 0;
     }
-    ssize_t n = read(fd, storage.get() + end, CAPACITY - end);
+    ssize_t n = read(fd, storage + end, CAPACITY - end);
     if (n < 0) {
         return -errno;
     }
@@ -44,14 +88,16 @@ ssize_t FrameBuffer::Take(int fd, void* dst, size_t len) {
         return filled <= 0 ? filled : 0;
     }
     size_t n = avail < len ? avail : len;
-    memcpy(dst, storage.get() + begin, n);
+    memcpy(dst, storage + begin, n);
     begin += n;
     consumed += n;
     return static_cast<ssize_t>(n);
 }
 
 void FrameBuffer::Release() {
-    storage.reset();
+    own.reset();
+    ownSize = 0;
+    storage = nullptr;
     begin = end = 0;
 }
 

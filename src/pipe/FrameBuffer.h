@@ -16,11 +16,20 @@
 // field by field sees the same results, whether its bytes come from here or straight from the
 // FIFO, while the FIFO is read once per CAPACITY bytes instead of once per field.
 //
-// The storage (CAPACITY bytes) is allocated on the first read and kept until Release(). Not
+// The storage: a receive thread lends one CAPACITY-byte buffer of its own to the pipe whose
+// turn it is (Lend) and takes it back at the end of the turn (Reclaim); bytes not yet taken by
+// then (a frame cut by the end of a read, or frames left while the pipe pauses) move into
+// storage of the pipe's own, exactly their size. So an idle pipe holds no receive buffer at
+// all. Without a lent buffer the first read allocates a CAPACITY-byte one of its own. Not
 // thread-safe: one reader thread.
 class FrameBuffer {
   public:
     static constexpr size_t CAPACITY = 64 * 1024;
+
+    // Reads from here on go to `buffer` (CAPACITY bytes, not owned), after the bytes kept.
+    void Lend(uint8_t* buffer);
+    // Gives the lent buffer back: the bytes not taken yet are kept in storage of their own.
+    void Reclaim();
 
     FrameBuffer() = default;
     FrameBuffer(const FrameBuffer&) = delete;
@@ -37,7 +46,7 @@ class FrameBuffer {
     size_t Available() const { return end - begin; }
     // The buffered bytes (Available() of them), for a reader that parses in place; valid until
     // the next Take, Fill or Release.
-    const uint8_t* Peek() const { return storage.get() + begin; }
+    const uint8_t* Peek() const { return storage + begin; }
     // Consumes `n` <= Available() bytes that the caller took through Peek().
     void Skip(size_t n) {
         begin += n;
@@ -49,7 +58,9 @@ class FrameBuffer {
     void Release();
 
   private:
-    std::unique_ptr<uint8_t[]> storage;
+    uint8_t* storage = nullptr;      // lent or own
+    std::unique_ptr<uint8_t[]> own;  // storage of this buffer's own, if any
+    size_t ownSize = 0;              // its size in bytes
     size_t begin = 0;
     size_t end = 0;
     uint64_t consumed = 0;

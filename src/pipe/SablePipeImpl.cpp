@@ -36,16 +36,40 @@ constexpr uint32_t kMaxConcurrentCallbacks = 200;
 // The pipe whose turn the calling receive thread is in: its requests are gathered and queued
 // together at the end of the turn.
 thread_local SablePipeImpl* batchingPipe = nullptr;
+// The receive thread's read buffer, lent to the pipe whose turn it is; null while lent.
+thread_local std::unique_ptr<uint8_t[]> turnBuffer;
+thread_local bool turnBufferLent = false;
 
+// One pipe's receive turn on the calling thread: the thread's read buffer is the pipe's for
+// the turn, and the pipe's requests are batched.
 class TurnOf {
   public:
-    explicit TurnOf(SablePipeImpl* pipe) : previous(batchingPipe) { batchingPipe = pipe; }
-    ~TurnOf() { batchingPipe = previous; }
+    TurnOf(SablePipeImpl* pipe, FrameBuffer& frames) : previous(batchingPipe), buffer(frames) {
+        batchingPipe = pipe;
+        if (!turnBufferLent) {
+            if (!turnBuffer) {
+                turnBuffer.reset(new (std::nothrow) uint8_t[FrameBuffer::CAPACITY]);
+            }
+            if (turnBuffer) {
+                buffer.Lend(turnBuffer.get());
+                turnBufferLent = lent = true;
+            }
+        }
+    }
+    ~TurnOf() {
+        if (lent) {
+            buffer.Reclaim();
+            turnBufferLent = false;
+        }
+        batchingPipe = previous;
+    }
     TurnOf(const TurnOf&) = delete;
     TurnOf& operator=(const TurnOf&) = delete;
 
   private:
     SablePipeImpl* previous;
+    FrameBuffer& buffer;
+    bool lent = false;
 };
 
 // Budget in microseconds of a wait of `timeoutMs`; 0 means no limit.
@@ -568,7 +592,7 @@ SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event
 }
 
 SablePipeImpl::ReceiveResult SablePipeImpl::Turn(bool hangUp, SableComm::EpollTimeRecord& record) {
-    TurnOf turn(this);
+    TurnOf turn(this, inBuffer);
     for (int handled = 0;; ++handled) {
         if (backlog.load() + batch.size() >= BACKLOG_PAUSE) {
             FlushBatch();  // counted in the backlog before it is weighed
