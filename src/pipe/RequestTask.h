@@ -2,9 +2,9 @@
 #ifndef SABLE_PIPE_REQUEST_TASK_H
 #define SABLE_PIPE_REQUEST_TASK_H
 
-#include <deque>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "pool/SableTask.h"
 #include "sable_comm.h"
@@ -19,9 +19,8 @@ class SablePipeImpl;
 class RequestTask final : public SableTask {
   public:
     using Handler = std::function<void(int, SabloRequest*)>;
-    // Requests of one receive turn. A deque: a long turn's records grow in small blocks, never
-    // in one large allocation.
-    using Batch = std::deque<SabloRequest>;
+    // Requests of one receive turn.
+    using Batch = std::vector<SabloRequest>;
 
     // `handler` is referred to, not copied, when it is the pipe's own request callback (which
     // lives as long as the pipe this task holds); any other handler is copied. `queued`: the

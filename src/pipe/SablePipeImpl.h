@@ -5,7 +5,6 @@
 #include <sys/epoll.h>
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -251,9 +250,9 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Read and not yet parsed; receive thread only.
     FrameBuffer inBuffer;
     // Requests read during the present turn, not yet queued; receive thread only.
-    // Their payloads (new[] arrays) are owned here until the batch's task takes them. A deque: a
-    // long turn's records grow in small blocks, never in one large allocation.
-    std::deque<SabloRequest> batch;
+    // Their payloads (new[] arrays) are owned here until the batch's task takes them. Grown as
+    // needed, never reserved: a turn of one request (an RPC's) costs one small allocation.
+    std::vector<SabloRequest> batch;
     std::atomic<bool> isCallbackHandleRemoteClose{false};
     // Guards the out-request list against the response path; taken before the list's own
     // mutex and before a request's mutex.
