@@ -179,6 +179,40 @@ bool SyncPoint(const Options& opt, const char* tag) {
     }
 }
 
+void RunRpcLoop(const char* program, const Options& opt, const RpcCall& call, RpcOutcome& out) {
+    auto one = [&](uint64_t seq, bool timed) {
+        uint32_t answerSize = 0;
+        uint64_t t0 = NowNs();
+        int ret = call(seq, answerSize);
+        uint64_t t1 = NowNs();
+        bool ok = ret == 0 && answerSize == opt.size;
+        if (!ok) {
+            out.failures++;
+            if (out.error.empty()) {
+                out.error = ret != 0 ? "rpc_errno_" + std::to_string(-ret) : "bad_response";
+            }
+            fprintf(stderr, "%s caller: RPC %llu: ret %d (%s), response size %u\n", program,
+                    static_cast<unsigned long long>(seq), ret, ret ? strerror(-ret) : "ok",
+                    answerSize);
+        } else if (timed) {
+            out.latenciesUs.push_back(static_cast<double>(t1 - t0) / 1000.0);
+        }
+        return ok;
+    };
+    for (uint64_t i = 0; i < opt.warmup; ++i) {
+        if (!one(i, false)) return;
+    }
+    if (!SyncPoint(opt, "READY")) {
+        out.error = "sync";
+        return;
+    }
+    out.latenciesUs.reserve(opt.count);
+    for (uint64_t i = 0; i < opt.count; ++i) {
+        if (!one(i, true)) break;
+    }
+    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+}
+
 void PrintRpcResult(const char* program, const Options& opt, RpcOutcome& out) {
     std::vector<double>& v = out.latenciesUs;
     std::sort(v.begin(), v.end());

@@ -15,6 +15,7 @@
 #define SABLE_BENCH_IPC_COMMON_H
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,13 @@ struct RpcOutcome {
     std::string error;  // first failure, one word
 };
 void PrintRpcResult(const char* program, const Options& opt, RpcOutcome& out);
+
+// One RPC of a caller: sends request number `seq` (in its payload) and waits for the answer.
+// 0 or a negative errno; `answerSize` is the answer's payload size.
+using RpcCall = std::function<int(uint64_t seq, uint32_t& answerSize)>;
+// The caller's RPC loop, the same for every program: opt.warmup calls, then opt.count timed
+// ones between the READY and DONE sync points; an answer of the wrong size is a failure.
+void RunRpcLoop(const char* program, const Options& opt, const RpcCall& call, RpcOutcome& out);
 
 struct StreamOutcome {
     uint64_t accepted = 0;  // requests the sender handed over successfully

@@ -337,38 +337,16 @@ void RunRpc(Endpoint& ep, const Options& opt, RpcOutcome& out) {
     std::vector<uint8_t> frame(kMaxFrame);
     std::vector<uint8_t> answer;
     uint32_t nextId = 1;
-    auto call = [&](uint64_t seq, bool timed) {
-        PutSeq(payload.data(), seq);
-        uint64_t t0 = NowNs();
-        int ret = ep.Call(nextId++, payload.data(), opt.size, kRpcTimeoutMs, frame.data(), answer,
-                          nullptr);
-        uint64_t t1 = NowNs();
-        bool ok = ret == 0 && answer.size() == opt.size;
-        if (!ok) {
-            out.failures++;
-            if (out.error.empty()) {
-                out.error = ret != 0 ? "rpc_errno_" + std::to_string(-ret) : "bad_response";
-            }
-            fprintf(stderr, "ipc_plain caller: RPC %llu: ret %d (%s), response size %zu\n",
-                    static_cast<unsigned long long>(seq), ret, ret ? strerror(-ret) : "ok",
-                    answer.size());
-        } else if (timed) {
-            out.latenciesUs.push_back(static_cast<double>(t1 - t0) / 1000.0);
-        }
-        return ok;
-    };
-    for (uint64_t i = 0; i < opt.warmup; ++i) {
-        if (!call(i, false)) return;
-    }
-    if (!SyncPoint(opt, "READY")) {
-        out.error = "sync";
-        return;
-    }
-    out.latenciesUs.reserve(opt.count);
-    for (uint64_t i = 0; i < opt.count; ++i) {
-        if (!call(i, true)) break;
-    }
-    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+    RunRpcLoop(
+        "ipc_plain", opt,
+        [&](uint64_t seq, uint32_t& answerSize) {
+            PutSeq(payload.data(), seq);
+            int ret = ep.Call(nextId++, payload.data(), opt.size, kRpcTimeoutMs, frame.data(),
+                              answer, nullptr);
+            answerSize = static_cast<uint32_t>(answer.size());
+            return ret;
+        },
+        out);
 }
 
 void RunStream(Endpoint& ep, const Options& opt, StreamOutcome& out) {

@@ -185,39 +185,17 @@ void RunRpc(int readFd, int writeFd, const Options& opt, RpcOutcome& out) {
     std::vector<uint8_t> txFrame(kMaxFrame);
     std::vector<uint8_t> rxFrame(kMaxFrame);
     uint32_t nextId = 1;
-    auto call = [&](uint64_t seq, bool timed) {
-        PutSeq(payload.data(), seq);
-        FrameView rsp;
-        uint64_t t0 = NowNs();
-        int ret = Call(readFd, writeFd, nextId++, payload.data(), opt.size, kRpcTimeoutMs,
-                       txFrame.data(), rxFrame.data(), rsp);
-        uint64_t t1 = NowNs();
-        bool ok = ret == 0 && rsp.len == opt.size;
-        if (!ok) {
-            out.failures++;
-            if (out.error.empty()) {
-                out.error = ret != 0 ? "rpc_errno_" + std::to_string(-ret) : "bad_response";
-            }
-            fprintf(stderr, "ipc_raw caller: RPC %llu: ret %d (%s), response size %u\n",
-                    static_cast<unsigned long long>(seq), ret, ret ? strerror(-ret) : "ok",
-                    rsp.len);
-        } else if (timed) {
-            out.latenciesUs.push_back(static_cast<double>(t1 - t0) / 1000.0);
-        }
-        return ok;
-    };
-    for (uint64_t i = 0; i < opt.warmup; ++i) {
-        if (!call(i, false)) return;
-    }
-    if (!SyncPoint(opt, "READY")) {
-        out.error = "sync";
-        return;
-    }
-    out.latenciesUs.reserve(opt.count);
-    for (uint64_t i = 0; i < opt.count; ++i) {
-        if (!call(i, true)) break;
-    }
-    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+    RunRpcLoop(
+        "ipc_raw", opt,
+        [&](uint64_t seq, uint32_t& answerSize) {
+            PutSeq(payload.data(), seq);
+            FrameView rsp;
+            int ret = Call(readFd, writeFd, nextId++, payload.data(), opt.size, kRpcTimeoutMs,
+                           txFrame.data(), rxFrame.data(), rsp);
+            answerSize = rsp.len;
+            return ret;
+        },
+        out);
 }
 
 void RunStream(int readFd, int writeFd, const Options& opt, StreamOutcome& out) {

@@ -120,41 +120,19 @@ int RunPeer(const Options& opt) {
 void RunRpc(int fd, const Options& opt, RpcOutcome& out) {
     std::vector<uint8_t> payload;
     FillPayload(payload, opt.size);
-    auto call = [&](uint64_t seq, bool timed) {
-        PutSeq(payload.data(), seq);
-        SabloRequest req{0, payload.data(), opt.size};
-        SabloResponse rsp{};
-        uint64_t t0 = NowNs();
-        int ret =
-            RetryFull([&] { return SabloTimedRPCSync(fd, &req, &rsp, kRpcTimeoutMs); }, nullptr);
-        uint64_t t1 = NowNs();
-        bool ok = ret == 0 && rsp.size == opt.size && rsp.data != nullptr;
-        if (!ok) {
-            out.failures++;
-            if (out.error.empty()) {
-                out.error = ret != 0 ? "rpc_errno_" + std::to_string(-ret) : "bad_response";
-            }
-            fprintf(stderr, "ipc_sable caller: RPC %llu: ret %d (%s), response size %u\n",
-                    static_cast<unsigned long long>(seq), ret, ret ? strerror(-ret) : "ok",
-                    rsp.size);
-        } else if (timed) {
-            out.latenciesUs.push_back(static_cast<double>(t1 - t0) / 1000.0);
-        }
-        DestroyResponse(&rsp);
-        return ok;
-    };
-    for (uint64_t i = 0; i < opt.warmup; ++i) {
-        if (!call(i, false)) return;
-    }
-    if (!SyncPoint(opt, "READY")) {
-        out.error = "sync";
-        return;
-    }
-    out.latenciesUs.reserve(opt.count);
-    for (uint64_t i = 0; i < opt.count; ++i) {
-        if (!call(i, true)) break;
-    }
-    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+    RunRpcLoop(
+        "ipc_sable", opt,
+        [&](uint64_t seq, uint32_t& answerSize) {
+            PutSeq(payload.data(), seq);
+            SabloRequest req{0, payload.data(), opt.size};
+            SabloResponse rsp{};
+            int ret = RetryFull([&] { return SabloTimedRPCSync(fd, &req, &rsp, kRpcTimeoutMs); },
+                                nullptr);
+            answerSize = rsp.data != nullptr ? rsp.size : 0;
+            DestroyResponse(&rsp);
+            return ret;
+        },
+        out);
 }
 
 void RunStream(int fd, const Options& opt, StreamOutcome& out) {
