@@ -4,6 +4,7 @@
 
 #include "api/sable_comm_check.h"
 #include "log/NuxSyslog.h"
+#include "pipe/OutRequest.h"
 #include "pipe/SablePipeImpl.h"
 #include "server/PipeServer.h"
 #include "table/SableTable.h"
@@ -24,7 +25,7 @@ struct SendCache {
     std::weak_ptr<SableTable> table;
     std::weak_ptr<SablePipeImpl> pipe;
 };
-thread_local SendCache sendCache;
+thread_local SendCache sendCache __attribute__((tls_model("initial-exec")));
 
 // Fills `table` and `pipe` from the cache when it still holds for `fd`; false otherwise (then
 // both are left empty).
@@ -249,7 +250,8 @@ int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeou
         }
         RememberPipe(fd, table, pipe);
     }
-    int ret = pipe->RecordOutRequest(*req, *resp, timeoutMs);
+    std::shared_ptr<OutRequest> entry;
+    int ret = pipe->RecordOutRequest(*req, *resp, timeoutMs, entry);
     if (ret < 0) {
         LOGI("RecordOutRequest err=%d.\n", ret);
         return ret;
@@ -261,7 +263,7 @@ int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeou
         pipe->RemoveRequest(*req);
         return ret;
     }
-    return pipe->WaitForResponse(*req, *resp, timeoutMs);
+    return pipe->WaitForResponse(*req, *entry, timeoutMs);
 }
 
 int SabloRPCSync(int fd, SabloRequest* req, SabloResponse* resp) {

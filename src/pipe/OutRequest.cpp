@@ -40,7 +40,7 @@ int OutTimedRequest::Wait() {
         sable::MutexLock lock(mutex);
         count -= 1;
         if (count >= 0) {
-            return 0;  // a Cancel came first
+            return Outcome(0);  // a Cancel came first
         }
         signalled = false;
     }
@@ -53,15 +53,16 @@ int OutTimedRequest::Wait() {
     woken.Wait(deadline);
     sable::MutexLock lock(mutex);
     if (signalled) {
-        return 0;  // also when the release came between the time-out and this lock
+        return Outcome(0);  // also when the release came between the time-out and this lock
     }
     count += 1;  // the wait is withdrawn, so a late Cancel leaves no stale release
     withdrawn = true;
+    const int rc = Outcome(-ETIMEDOUT);
     lock.Unlock();
     if (auto owner = pipe.lock()) {
         owner->OnRequestCancelled(request);
     }
-    return -ETIMEDOUT;
+    return rc;
 }
 
 OutSyncTimedRequest::OutSyncTimedRequest(std::shared_ptr<SablePipeImpl> owner, unsigned int id,
@@ -88,10 +89,9 @@ bool OutSyncTimedRequest::Deliver(SabloResponse& received) {
     return CancelLocked();
 }
 
-int OutSyncTimedRequest::Wait() {
-    int rc = OutTimedRequest::Wait();
-    sable::MutexLock lock(mutex);
+int OutSyncTimedRequest::Outcome(int rc) {
     if (rc < 0) {
+        // Withdrawn: a response that came anyway is not the caller's any more.
         if (response->data != nullptr) {
             delete[] response->data;
             response->data = nullptr;

@@ -54,6 +54,8 @@ class OutTimedRequest : public OutRequest {
     // Counts the release; true when a waiter must be woken, which the caller does after
     // unlocking (a waiter woken under the lock would only block on it again).
     bool CancelLocked() REQUIRES(mutex);
+    // What Wait returns for `rc` (0 released, -ETIMEDOUT withdrawn); still under the mutex.
+    virtual int Outcome(int rc) REQUIRES(mutex) { return rc; }
 
     std::weak_ptr<SablePipeImpl> pipe;  // a pending request never keeps a closed pipe alive
     // Set once `signalled` is, after `mutex` is released: the waiter sleeps on it and returns
@@ -78,9 +80,11 @@ class OutSyncTimedRequest : public OutTimedRequest {
     void Process(SabloResponse& received) override;
     bool Deliver(SabloResponse& received) override;
     void Wake() override { woken.Set(); }
-    // 0 with the response filled, -ETIMEDOUT, or -EPIPE when released without a response
-    // (the pipe was closed).
-    int Wait() override;
+    // Wait: 0 with the response filled, -ETIMEDOUT, or -EPIPE when released without a
+    // response (the pipe was closed).
+
+  protected:
+    int Outcome(int rc) override REQUIRES(mutex);
 
   private:
     SabloResponse* response;  // written under `mutex` only while not withdrawn

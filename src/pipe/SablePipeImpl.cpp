@@ -35,10 +35,11 @@ constexpr uint32_t kMaxConcurrentCallbacks = 200;
 
 // The pipe whose turn the calling receive thread is in: its requests are gathered and queued
 // together at the end of the turn.
-thread_local SablePipeImpl* batchingPipe = nullptr;
-// The receive thread's read buffer, lent to the pipe whose turn it is; null while lent.
-thread_local std::unique_ptr<uint8_t[]> turnBuffer;
-thread_local bool turnBufferLent = false;
+// (Initial-exec: read directly, not through __tls_get_addr, on every frame.)
+thread_local SablePipeImpl* batchingPipe __attribute__((tls_model("initial-exec"))) = nullptr;
+// The receive thread's read buffer, lent to the pipe whose turn it is.
+thread_local std::unique_ptr<uint8_t[]> turnBuffer __attribute__((tls_model("initial-exec")));
+thread_local bool turnBufferLent __attribute__((tls_model("initial-exec"))) = false;
 
 // One pipe's receive turn on the calling thread: the thread's read buffer is the pipe's for
 // the turn, and the pipe's requests are batched.
@@ -830,6 +831,12 @@ void SablePipeImpl::OnCallbackFinished() {
 // ---------------------------------------------------------------- synchronous requests
 
 int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs) {
+    std::shared_ptr<OutRequest> entry;
+    return RecordOutRequest(request, response, timeoutMs, entry);
+}
+
+int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs,
+                                    std::shared_ptr<OutRequest>& entry) {
     std::string runMode = EnvManager::GetRunMode();
     LOGI("RUN_MODE=%s", runMode.c_str());
     int budget = runMode == "1" ? kLongRunModeMs : timeoutMs;
@@ -837,7 +844,17 @@ int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& respon
     auto out =
         std::make_shared<OutSyncTimedRequest>(shared_from_this(), request.id, response, budget);
     out->Init();
-    return outReqList.PushBack(out);
+    int ret = outReqList.PushBack(out);
+    if (ret == 0) {
+        entry = std::move(out);
+    }
+    return ret;
+}
+
+int SablePipeImpl::WaitForResponse(const SabloRequest& request, OutRequest& entry, int timeoutMs) {
+    // The entry itself, not a lookup: a response or a close that came first is remembered by
+    // it, so the wait then returns at once with the same result.
+    return WaitResult(request, entry.Wait(), timeoutMs);
 }
 
 int SablePipeImpl::WaitForResponse(const SabloRequest& request, int timeoutMs) {
@@ -865,6 +882,10 @@ int SablePipeImpl::WaitForEntry(const SabloRequest& request, const SabloResponse
     if (waiting) {
         ret = waiting->Wait();
     }
+    return WaitResult(request, ret, timeoutMs);
+}
+
+int SablePipeImpl::WaitResult(const SabloRequest& request, int ret, int timeoutMs) {
     if (ret == -EPIPE) {
         LOGE("Self=%s, Remote=%s failed. Caught exception.\n", myName.c_str(), remoteName.c_str());
     } else if (ret < 0) {

@@ -21,6 +21,7 @@
 
 class InMessage;
 class InRequest;
+class OutRequest;
 class OutMessage;
 class PipeObserver;
 namespace SableComm {
@@ -152,6 +153,11 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // there: an entry that is already gone gives 0 only when the response is in the record,
     // -EPIPE when a close cancelled the request before this call looked.
     int WaitForResponse(const SabloRequest& request, const SabloResponse& response, int timeoutMs);
+    // RecordOutRequest that also hands back the recorded entry (on success), and the wait on
+    // that entry itself: the same results and lines as the forms above, without the lookups.
+    int RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs,
+                         std::shared_ptr<OutRequest>& entry);
+    int WaitForResponse(const SabloRequest& request, OutRequest& entry, int timeoutMs);
 
     // --- close ---
     // Closes both descriptors and removes the FIFO files this end owns; idempotent.
@@ -198,6 +204,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Re-forms both FIFO names after a change of `myName`.
     void FormFifoNames();
     int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
+    // Logs a failed wait's result; returns it.
+    int WaitResult(const SabloRequest& request, int ret, int timeoutMs);
 
     // Descriptors are atomics so lock-free readers (logs, checks) stay race-free; they are only
     // changed, and only used for I/O, under fdMutex.

@@ -81,9 +81,36 @@ Worker* CallbackPool::FindWorker(const std::string& name) {
     return FindWorker(name, error);
 }
 
+namespace {
+
+// The worker this thread last found for a name, while no name of its pool has been unbound
+// since (see WorkerPool::BindingChanges): a receive thread handing every turn of a pipe to the
+// pipe's worker finds it without the pool's two locks and its name lookup.
+struct NamedWorkerCache {
+    uint64_t poolId = 0;
+    uint64_t changes = 0;
+    std::string name;
+    Worker* worker = nullptr;
+};
+thread_local NamedWorkerCache namedWorkerCache __attribute__((tls_model("initial-exec")));
+
+}  // namespace
+
 Worker* CallbackPool::FindWorker(const std::string& name, int& error) {
+    // Read before the lookup: an unbinding that comes after it leaves the entry stale, never
+    // trusted.
+    const uint64_t changes = pool->BindingChanges();
+    NamedWorkerCache& cache = namedWorkerCache;
+    if (cache.worker != nullptr && cache.poolId == pool->Id() && cache.changes == changes &&
+        cache.name == name) {
+        return cache.worker;
+    }
     Worker* worker = pool->WorkerOf(name);
     if (worker != nullptr) {
+        cache.poolId = pool->Id();
+        cache.changes = changes;
+        cache.name = name;
+        cache.worker = worker;
         return worker;
     }
     sable::MutexLock lock(findMutex);

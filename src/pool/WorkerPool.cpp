@@ -16,6 +16,11 @@ constexpr long DESTROY_RECHECK_NS = 50L * 1000 * 1000;
 
 }  // namespace
 
+uint64_t WorkerPool::NextId() {
+    static std::atomic<uint64_t> next{1};
+    return next.fetch_add(1);
+}
+
 WorkerPool::WorkerPool(uint32_t ordinary, uint32_t urgent, std::chrono::milliseconds idle)
     : maxWorkers(ordinary + urgent),
       capacity(ordinary),
@@ -259,6 +264,7 @@ int WorkerPool::FreeWorker(unsigned int slot) {
     for (auto it = namedSlots.begin(); it != namedSlots.end(); ++it) {
         if (it->second == slot) {
             namedSlots.erase(it);
+            bindingChanges.fetch_add(1);
             break;
         }
     }
@@ -276,6 +282,7 @@ int WorkerPool::FreeWorker(const std::string& name) {
         }
         slot = it->second;
         namedSlots.erase(it);
+        bindingChanges.fetch_add(1);
     }
     // Cleared with none of the pool's locks held: the dropped tasks' captures may run any
     // destructor. The slot is still lent here, so nobody else can be given this worker yet.
@@ -361,6 +368,7 @@ void WorkerPool::WaitForBusyWorkers() {
 }
 
 void WorkerPool::Destroy() {
+    bindingChanges.fetch_add(1);  // workers go out of service: no binding may be trusted
     Worker::TaskQueue dropped;
     {
         sable::MutexLock lock(poolMutex);

@@ -81,6 +81,13 @@ class WorkerPool {
     // pool is ignored. 0.
     int FreeWorker(const Worker& worker) EXCLUDES(poolMutex, namedMutex, workersMutex);
 
+    // Counts every unbinding of a name (and Destroy): a name found bound to a worker is still
+    // bound to it while this has not changed. A new binding does not count (names are bound
+    // once until freed).
+    uint64_t BindingChanges() const { return bindingChanges.load(std::memory_order_acquire); }
+    // This pool's number, unique in the process (never reused, unlike its address).
+    uint64_t Id() const { return id; }
+
     // Workers created so far.
     size_t NumWorkers() EXCLUDES(workersMutex);
     // Created workers whose recorded class is SABLO_PRIORITY_REALTIME.
@@ -98,6 +105,11 @@ class WorkerPool {
     void Destroy() EXCLUDES(poolMutex, namedMutex, workersMutex);
 
   private:
+    static uint64_t NextId();
+
+    std::atomic<uint64_t> bindingChanges{0};
+    const uint64_t id = NextId();
+
     friend class WorkerPoolState;
     friend class PoolIdleState;
     friend class PoolWorkingState;
