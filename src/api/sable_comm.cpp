@@ -27,29 +27,33 @@ struct SendCache {
 };
 thread_local SendCache sendCache __attribute__((tls_model("initial-exec")));
 
-// Fills `table` and `pipe` from the cache when it still holds for `fd`; false otherwise (then
-// both are left empty).
-bool CachedPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
-    if (fd < 1 || sendCache.fd != fd || !TableFactory::IsAlive()) {
-        return false;
-    }
-    table = sendCache.table.lock();
-    if (table) {
-        pipe = sendCache.pipe.lock();
-        if (pipe && pipe->InTable()) {
-            return true;
+enum class Found { PIPE, NO_TABLE, NO_PIPE };
+
+// The table and the pipe numbered `fd`, for the send functions: from this thread's cache while
+// it still holds for `fd`, otherwise by the table's lookups (and then remembered). Each caller
+// logs a miss with its own line.
+Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
+    if (fd >= 1 && sendCache.fd == fd && TableFactory::IsAlive()) {
+        table = sendCache.table.lock();
+        if (table) {
+            pipe = sendCache.pipe.lock();
+            if (pipe && pipe->InTable()) {
+                return Found::PIPE;
+            }
         }
     }
-    table.reset();
-    pipe.reset();
-    return false;
-}
-
-void RememberPipe(int fd, const std::shared_ptr<SableTable>& table,
-                  const std::shared_ptr<SablePipeImpl>& pipe) {
+    table = TableFactory::GetInstance();
+    if (!table) {
+        return Found::NO_TABLE;
+    }
+    pipe = table->GetPipe(fd);
+    if (!pipe) {
+        return Found::NO_PIPE;
+    }
     sendCache.fd = fd;
     sendCache.table = table;
     sendCache.pipe = pipe;
+    return Found::PIPE;
 }
 
 }  // namespace
@@ -187,18 +191,15 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
     LOGI("SendRequest id=%u, size=%u bytes\n", req->id, req->size);
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    if (!CachedPipe(fd, table, pipe)) {
-        table = TableFactory::GetInstance();
-        if (!table) {
+    switch (FindPipe(fd, table, pipe)) {
+        case Found::NO_TABLE:
             LOGI("SabloSendRequest unfinished, because table is destroyed\n");
             return -ENOENT;
-        }
-        pipe = table->GetPipe(fd);
-        if (!pipe) {
+        case Found::NO_PIPE:
             LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
             return -ENOENT;
-        }
-        RememberPipe(fd, table, pipe);
+        case Found::PIPE:
+            break;
     }
     return pipe->Send(*req, -1);
 }
@@ -211,18 +212,15 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
     LOGI("SendResponse id=%u, size=%u bytes\n", resp->id, resp->size);
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    if (!CachedPipe(fd, table, pipe)) {
-        table = TableFactory::GetInstance();
-        if (!table) {
+    switch (FindPipe(fd, table, pipe)) {
+        case Found::NO_TABLE:
             LOGI("SabloSendResponse unfinished, because table is destroyed\n");
             return -ENOENT;
-        }
-        pipe = table->GetPipe(fd);
-        if (!pipe) {
+        case Found::NO_PIPE:
             LOGE("GetPipe fail, please check input fd(%d).\n", fd);
             return -ENOENT;
-        }
-        RememberPipe(fd, table, pipe);
+        case Found::PIPE:
+            break;
     }
     return pipe->Send(*resp);
 }
@@ -237,18 +235,15 @@ int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeou
     }
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    if (!CachedPipe(fd, table, pipe)) {
-        table = TableFactory::GetInstance();
-        if (!table) {
+    switch (FindPipe(fd, table, pipe)) {
+        case Found::NO_TABLE:
             LOGE("SabloTimedRPCSync failed, because table is destroyed\n");
             return -ENOENT;
-        }
-        pipe = table->GetPipe(fd);
-        if (!pipe) {
+        case Found::NO_PIPE:
             LOGE_R("GetPipe fail, please check input fd(%d).\n", fd);
             return -ENOENT;
-        }
-        RememberPipe(fd, table, pipe);
+        case Found::PIPE:
+            break;
     }
     std::shared_ptr<OutRequest> entry;
     int ret = pipe->RecordOutRequest(*req, *resp, timeoutMs, entry);
