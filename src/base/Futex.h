@@ -16,7 +16,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <climits>
 #include <cstdint>
 
 namespace sable {
@@ -49,8 +48,9 @@ inline timespec ToMonotonic(std::chrono::steady_clock::time_point when) {
                     static_cast<long>(ns.count() % 1000000000)};
 }
 
-// Counting semaphore: Post adds one, Wait takes one, sleeping while there is none. Any number
-// of threads may post and wait. Post makes a system call only when a thread sleeps.
+// Counting semaphore: Post adds one, a wait takes one, sleeping while there is none. Any
+// number of threads may post and wait. Post makes a system call only when a thread sleeps, and
+// a woken thread returns without taking any lock.
 class FutexSemaphore {
   public:
     void Post() {
@@ -67,18 +67,23 @@ class FutexSemaphore {
             return true;
         }
         const timespec until = ToMonotonic(std::chrono::steady_clock::now() + timeout);
+        return WaitUntil(&until);
+    }
+
+    // True with one taken, false at `until` (monotonic; null: no limit) with none taken.
+    bool WaitUntil(const timespec* until) {
         for (;;) {
+            if (TryTake()) {
+                return true;
+            }
             // Counted as a sleeper before the kernel looks at the word again: a Post either
             // sees the sleeper and wakes it, or lands before that look and the wait returns
             // at once.
             sleepers.fetch_add(1);
-            int err = FutexWait(value, 0, &until);
+            int err = FutexWait(value, 0, until);
             sleepers.fetch_sub(1);
-            if (TryTake()) {
-                return true;
-            }
             if (err == ETIMEDOUT) {
-                return false;
+                return TryTake();
             }
         }
     }
@@ -96,37 +101,6 @@ class FutexSemaphore {
 
   private:
     std::atomic<int32_t> value{0};
-    std::atomic<int32_t> sleepers{0};
-};
-
-// One-shot event: Set wakes every waiter, now and later.
-class FutexEvent {
-  public:
-    void Set() {
-        state.store(1);
-        if (sleepers.load() > 0) {
-            FutexWake(state, INT_MAX);
-        }
-    }
-    bool IsSet() const { return state.load() != 0; }
-
-    // True once set, false at `deadline` (steady clock; max(): no limit).
-    bool Wait(std::chrono::steady_clock::time_point deadline) {
-        const bool limited = deadline != std::chrono::steady_clock::time_point::max();
-        const timespec until = limited ? ToMonotonic(deadline) : timespec{0, 0};
-        while (!IsSet()) {
-            sleepers.fetch_add(1);
-            int err = FutexWait(state, 0, limited ? &until : nullptr);
-            sleepers.fetch_sub(1);
-            if (err == ETIMEDOUT) {
-                return IsSet();
-            }
-        }
-        return true;
-    }
-
-  private:
-    std::atomic<int32_t> state{0};
     std::atomic<int32_t> sleepers{0};
 };
 

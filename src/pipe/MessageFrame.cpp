@@ -5,7 +5,6 @@
 #include <cstring>
 #include <new>
 
-#include "base/safe_c.h"
 #include "log/NuxSyslog.h"
 #include "log/run_time_record.h"
 #include "pipe/FrameBuffer.h"
@@ -35,7 +34,7 @@ bool FieldOk(int32_t ret, size_t expected) {
 
 }  // namespace
 
-int BuildFrameEnds(OutMessage& msg, FrameEnds& ends, uint64_t writeStartTime) {
+int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime) {
     if (!msg.SizeValid()) {
         return -EINVAL;
     }
@@ -44,34 +43,21 @@ int BuildFrameEnds(OutMessage& msg, FrameEnds& ends, uint64_t writeStartTime) {
         return -EINVAL;
     }
     const uint32_t checksum = msg.Checksum();
-    Put<uint32_t>(ends.header, MagicReceiver::MAGIC);
-    Put<uint32_t>(ends.header + kIdOffset, msg.id);
-    Put<uint32_t>(ends.header + kTypeOffset, msg.type);
-    Put<uint32_t>(ends.header + kLenOffset, msg.payloadLen);
-    Put<uint32_t>(ends.trailer, checksum);
-    Put<int32_t>(ends.trailer + 4, msg.timeout);
-    Put<uint64_t>(ends.trailer + 8, writeStartTime);
-    return 0;
-}
-
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime) {
-    FrameEnds ends;
-    int ret = BuildFrameEnds(msg, ends, writeStartTime);
-    if (ret != 0) {
-        return ret;
-    }
     const size_t size = msg.Size();
     if (capacity < size) {
         return -ENOMEM;
     }
-    memcpy(buf, ends.header, FrameEnds::SIZE);
-    errno_t copied =
-        memcpy_s(buf + kPayloadOffset, size - kPayloadOffset, msg.dataOut, msg.payloadLen);
-    if (copied != 0) {
-        LOGE("memcpy_s msg.dataOut fail, ret = %d\n", copied);
-        return -copied;
-    }
-    memcpy(buf + kPayloadOffset + msg.payloadLen, ends.trailer, FrameEnds::SIZE);
+    Put<uint32_t>(buf, MagicReceiver::MAGIC);
+    Put<uint32_t>(buf + kIdOffset, msg.id);
+    Put<uint32_t>(buf + kTypeOffset, msg.type);
+    Put<uint32_t>(buf + kLenOffset, msg.payloadLen);
+    // Bounds checked above (a valid size, room for the whole frame, a payload to copy): a plain
+    // copy, which on a send path is several times faster than the bounds-checked one.
+    memcpy(buf + kPayloadOffset, msg.dataOut, msg.payloadLen);
+    char* trailer = buf + kPayloadOffset + msg.payloadLen;
+    Put<uint32_t>(trailer, checksum);
+    Put<int32_t>(trailer + 4, msg.timeout);
+    Put<uint64_t>(trailer + 8, writeStartTime);
     len = size;
     return 0;
 }

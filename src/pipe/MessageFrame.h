@@ -14,21 +14,10 @@
 
 // Builds the frame of `msg` into a new buffer of msg.Size() bytes, stored in `buf` and `len`;
 // sets msg.checksum. 0, or -EINVAL for a null payload (error line) or an invalid size (no line:
-// the sender has already refused and logged it), -ENOMEM when the buffer cannot be allocated, or
-// the negated status of a failed payload copy. On failure `buf` and `len` are left alone.
+// the sender has already refused and logged it), or -ENOMEM when the buffer cannot be allocated.
+// On failure `buf` and `len` are left alone.
 // Thread-safe for distinct messages.
 int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
-// The 16 bytes before the payload (magic, id, type, payloadLen) and the 16 after it (checksum,
-// timeout, write time), for a sender that puts the frame together itself.
-struct FrameEnds {
-    static constexpr size_t SIZE = 16;
-    char header[SIZE];
-    char trailer[SIZE];
-};
-// Fills `ends` for `msg` and sets msg.checksum. 0, or -EINVAL for a null payload (error line) or
-// an invalid size (no line: the sender has already refused and logged it). Allocates nothing.
-int BuildFrameEnds(OutMessage& msg, FrameEnds& ends, uint64_t writeStartTime);
-
 // The same into the caller's `buf` of `capacity` bytes (-ENOMEM when the frame does not fit),
 // so that a sender can build on its stack: nothing is allocated. `writeStartTime` is the
 // frame's write time (SableComm::GetCurrentTime() microseconds, read by the sender just before

@@ -31,7 +31,7 @@ void OutTimedRequest::Cancel() {
     }
     // The caller holds a reference to this request, so it outlives a waiter that returns now.
     if (wake) {
-        woken.Set();
+        woken.Post();
     }
 }
 
@@ -44,13 +44,14 @@ int OutTimedRequest::Wait() {
         }
         signalled = false;
     }
-    // Spurious wake-ups cannot end the wait early: the event is set only together with
+    // Spurious wake-ups cannot end the wait early: the semaphore is posted only together with
     // `signalled`, so without limit this returns only once released (a late response could
     // otherwise still be written into the caller's record).
-    const auto deadline =
-        timeoutMs < 0 ? std::chrono::steady_clock::time_point::max()
-                      : std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    woken.Wait(deadline);
+    if (timeoutMs < 0) {
+        woken.WaitUntil(nullptr);
+    } else {
+        woken.WaitFor(std::chrono::milliseconds(timeoutMs));
+    }
     sable::MutexLock lock(mutex);
     if (signalled) {
         return Outcome(0);  // also when the release came between the time-out and this lock

@@ -58,9 +58,10 @@ class OutTimedRequest : public OutRequest {
     virtual int Outcome(int rc) REQUIRES(mutex) { return rc; }
 
     std::weak_ptr<SablePipeImpl> pipe;  // a pending request never keeps a closed pipe alive
-    // Set once `signalled` is, after `mutex` is released: the waiter sleeps on it and returns
-    // without taking any lock (it takes `mutex` afterwards only to read the outcome).
-    sable::FutexEvent woken;
+    // Posted once `signalled` is set, after `mutex` is released: the one waiter sleeps on it
+    // and returns without taking any lock (it takes `mutex` afterwards only to read the
+    // outcome).
+    sable::FutexSemaphore woken;
     sable::Mutex mutex;  // guards the fields below; taken after the list's and the pipe's locks
     bool signalled GUARDED_BY(mutex) = false;
     int count GUARDED_BY(mutex) = 0;  // negative while a thread waits
@@ -79,7 +80,7 @@ class OutSyncTimedRequest : public OutTimedRequest {
     // comes after the waiter gave up is freed here instead.
     void Process(SabloResponse& received) override;
     bool Deliver(SabloResponse& received) override;
-    void Wake() override { woken.Set(); }
+    void Wake() override { woken.Post(); }
     // Wait: 0 with the response filled, -ETIMEDOUT, or -EPIPE when released without a
     // response (the pipe was closed).
 

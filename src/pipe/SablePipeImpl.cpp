@@ -461,17 +461,12 @@ int SablePipeImpl::Send(OutMessage& msg) {
 }
 
 int SablePipeImpl::Write(OutMessage& msg) {
-    FrameEnds ends;
-    int ret = BuildFrameEnds(msg, ends, SableComm::GetCurrentTime());
+    // Built on the stack and written in one piece: a frame is at most 4032 bytes.
+    char frame[Message::MAX_PAYLOAD_LEN + 32];
+    size_t len = 0;
+    int ret = BuildFrame(msg, frame, sizeof(frame), len, SableComm::GetCurrentTime());
     if (ret == 0) {
-        // Put together on the stack and written in one piece. (A writev of the three parts
-        // would spare the copy, but costs the kernel more than the copy costs here.) The length
-        // is checked: BuildFrameEnds refused any payload over MAX_PAYLOAD_LEN.
-        char frame[FrameEnds::SIZE + Message::MAX_PAYLOAD_LEN + FrameEnds::SIZE];
-        memcpy(frame, ends.header, FrameEnds::SIZE);
-        memcpy(frame + FrameEnds::SIZE, msg.dataOut, msg.payloadLen);
-        memcpy(frame + FrameEnds::SIZE + msg.payloadLen, ends.trailer, FrameEnds::SIZE);
-        ret = Write(frame, msg.Size(), msg.id);
+        ret = Write(frame, len, msg.id);
     }
     LOGD(
         "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
