@@ -16,15 +16,11 @@ void LogNoPoint() {
 
 }  // namespace
 
-uint64_t ToMicroseconds(const timespec& monotonic) {
-    return static_cast<uint64_t>(monotonic.tv_sec) * kUsPerSecond +
-           static_cast<uint64_t>(monotonic.tv_nsec / kNsPerUs);
-}
-
 uint64_t GetCurrentTime() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return ToMicroseconds(now);
+    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond +
+           static_cast<uint64_t>(now.tv_nsec / kNsPerUs);
 }
 
 int64_t RunTimeRecord::CalculationInterval(const timespec& later, const timespec& earlier) const {
@@ -39,7 +35,7 @@ int64_t RunTimeRecord::CalculationInterval(const timespec& later, const timespec
 
 void RunTimeRecord::RecordCurrentTime() {
     timespec now{};
-    clock_gettime(clockId, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     RecordTime(now);
 }
 

@@ -14,22 +14,17 @@ namespace SableComm {
 
 // Monotonic clock in microseconds.
 uint64_t GetCurrentTime();
-// A monotonic clock value in the microseconds of GetCurrentTime(), for a caller that also
-// needs the timespec (one clock read for both).
-uint64_t ToMicroseconds(const timespec& monotonic);
 
 // Belongs to one thread (it lives on the caller's stack); nothing is locked. The first points
 // are kept inline so that timing a write allocates nothing.
 class RunTimeRecord {
   public:
     // `totalTimeMs`: the budget of the whole operation in milliseconds.
-    // `clock`: the clock every recorded point is read from (a monotonic one).
-    explicit RunTimeRecord(uint64_t totalTimeMs, clockid_t clock = CLOCK_MONOTONIC)
-        : totalTime(totalTimeMs), clockId(clock) {}
+    explicit RunTimeRecord(uint64_t totalTimeMs) : totalTime(totalTimeMs) {}
 
     // Microseconds from `earlier` to `later`; 0 when `later` lies before `earlier`.
     int64_t CalculationInterval(const timespec& later, const timespec& earlier) const;
-    // Appends the record's clock's current value as the next point.
+    // Appends the monotonic clock's current value as the next point.
     void RecordCurrentTime();
     // Appends `point` (a monotonic clock value) as the next point.
     void RecordTime(const timespec& point);
@@ -49,7 +44,6 @@ class RunTimeRecord {
     }
 
     uint64_t totalTime;  // budget in milliseconds
-    clockid_t clockId;
     uint64_t pointNum = 0;
     timespec inlinePoints[kInlinePoints] = {};
     std::vector<timespec> morePoints;  // points beyond the inline ones, in order
