@@ -267,7 +267,7 @@ struct PerfControl {
     std::string output;
 
     bool Open() { return pipe2(ctl, O_CLOEXEC) == 0 && pipe2(ack, O_CLOEXEC) == 0; }
-    std::string Spec() const {
+    std::string ControlArg() const {
         return "fd:" + std::to_string(ctl[0]) + "," + std::to_string(ack[1]);
     }
     void CloseChildEnds() {
@@ -330,7 +330,7 @@ double ReadPerfCount(const std::string& path) {
 // ---------------------------------------------------------------------------------------------
 // One run: a peer and a caller
 
-struct RunSpec {
+struct RunCase {
     std::string program;
     std::string path;
     std::string placement;
@@ -372,7 +372,7 @@ class Runner {
         if (tmpDir_ != "/tmp") rmdir(tmpDir_.c_str());
     }
 
-    RunOutcome Run(const RunSpec& spec);
+    RunOutcome Run(const RunCase& run);
 
   private:
     std::vector<std::string> Sweep(const std::string& tag);
@@ -404,27 +404,27 @@ std::vector<std::string> Runner::Sweep(const std::string& tag) {
     return removed;
 }
 
-RunOutcome Runner::Run(const RunSpec& spec) {
+RunOutcome Runner::Run(const RunCase& run) {
     RunOutcome out;
     const int serial = ++serial_;
     const std::string tag = "bs" + std::to_string(getpid()) + "r" + std::to_string(serial);
     const std::string peerName = tag + "p";
     const std::string callerName = tag + "c";
-    const int peerCpu = spec.placement == "split" ? 1 : 0;
+    const int peerCpu = run.placement == "split" ? 1 : 0;
     const int callerCpu = 0;
     const uint64_t start = NowMs();
     const uint64_t deadline = start + kRunBoundSec * 1000ull;
-    const bool counting = spec.counting && perfOk_;
+    const bool counting = run.counting && perfOk_;
 
     std::vector<std::string> peerArgs{
-        spec.path,  "peer",   "--self",  peerName, "--peer",
-        callerName, "--mode", spec.test, "--size", std::to_string(spec.size)};
-    std::vector<std::string> callerArgs{spec.path,  "caller",
+        run.path,   "peer",   "--self", peerName, "--peer",
+        callerName, "--mode", run.test, "--size", std::to_string(run.size)};
+    std::vector<std::string> callerArgs{run.path,   "caller",
                                         "--self",   callerName,
                                         "--peer",   peerName,
-                                        "--mode",   spec.test,
-                                        "--size",   std::to_string(spec.size),
-                                        "--count",  std::to_string(spec.count),
+                                        "--mode",   run.test,
+                                        "--size",   std::to_string(run.size),
+                                        "--count",  std::to_string(run.count),
                                         "--warmup", std::to_string(kRpcWarmup)};
     PerfControl peerPerf;
     PerfControl callerPerf;
@@ -438,10 +438,13 @@ RunOutcome Runner::Run(const RunSpec& spec) {
         }
         auto wrap = [&](std::vector<std::string>& args, PerfControl& perf, const char* who) {
             perf.output = tmpDir_ + "/" + tag + who + ".perf";
-            std::vector<std::string> wrapped{
-                "perf", "stat", "-x",        ",",         "-e", "raw_syscalls:sys_enter",
-                "-D",   "-1",   "--control", perf.Spec(), "-o", perf.output,
-                "--"};
+            std::vector<std::string> wrapped{"perf",      "stat",
+                                             "-x",        ",",
+                                             "-e",        "raw_syscalls:sys_enter",
+                                             "-D",        "-1",
+                                             "--control", perf.ControlArg(),
+                                             "-o",        perf.output,
+                                             "--"};
             wrapped.insert(wrapped.end(), args.begin(), args.end());
             args.swap(wrapped);
         };
@@ -550,8 +553,8 @@ RunOutcome Runner::Run(const RunSpec& spec) {
     }
 
     // Context switches of both processes, every thread, per operation.
-    const double ops = spec.test == "rpc" ? static_cast<double>(spec.count + kRpcWarmup)
-                                          : static_cast<double>(spec.count + 1);
+    const double ops = run.test == "rpc" ? static_cast<double>(run.count + kRpcWarmup)
+                                         : static_cast<double>(run.count + 1);
     if (!counting && caller.reaped && peer.reaped) {
         double cs = static_cast<double>(caller.ru.ru_nvcsw + caller.ru.ru_nivcsw +
                                         peer.ru.ru_nvcsw + peer.ru.ru_nivcsw);
@@ -563,22 +566,21 @@ RunOutcome Runner::Run(const RunSpec& spec) {
         if (perfFailed || std::isnan(c) || std::isnan(p)) {
             out.errors.push_back("perf stat gave no system call count");
         } else {
-            out.sysCaller = c / static_cast<double>(spec.count);
-            out.sysPeer = p / static_cast<double>(spec.count);
+            out.sysCaller = c / static_cast<double>(run.count);
+            out.sysPeer = p / static_cast<double>(run.count);
         }
         unlink(callerPerf.output.c_str());
         unlink(peerPerf.output.c_str());
     }
 
-    if (spec.test == "stream" && resultSeen && out.result.count("delivered")) {
+    if (run.test == "stream" && resultSeen && out.result.count("delivered")) {
         out.streamChecked = true;
         uint64_t accepted = 0, delivered = 0, order = 0, sizeErr = 0;
         ParseU64(out.result["accepted"], accepted);
         ParseU64(out.result["delivered"], delivered);
         ParseU64(out.result["order_errors"], order);
         ParseU64(out.result["size_errors"], sizeErr);
-        out.streamOk =
-            accepted == delivered && order == 0 && sizeErr == 0 && accepted == spec.count;
+        out.streamOk = accepted == delivered && order == 0 && sizeErr == 0 && accepted == run.count;
         out.streamText = std::to_string(delivered) + "/" + std::to_string(accepted);
         if (order != 0) out.streamText += ", " + std::to_string(order) + " out of order";
         if (sizeErr != 0) out.streamText += ", " + std::to_string(sizeErr) + " wrong size";
@@ -596,9 +598,8 @@ RunOutcome Runner::Run(const RunSpec& spec) {
                 if (line != "Events enabled" && line != "Events disabled") err += line + "\n";
             }
             if (!err.empty()) {
-                fprintf(stderr, "---- %s %s stderr (%s %s %u):\n%s", spec.program.c_str(),
-                        file.first, spec.placement.c_str(), spec.test.c_str(), spec.size,
-                        err.c_str());
+                fprintf(stderr, "---- %s %s stderr (%s %s %u):\n%s", run.program.c_str(),
+                        file.first, run.placement.c_str(), run.test.c_str(), run.size, err.c_str());
             }
         }
     }
@@ -977,17 +978,17 @@ int main(int argc, char** argv) {
                          (static_cast<size_t>(config.runs) + (report.perfOk ? 1 : 0));
     size_t done = 0;
     std::map<std::string, std::vector<std::string>> leftovers;  // program -> files removed
-    auto record = [&](Row& row, const RunSpec& spec, const RunOutcome& o, const std::string& what) {
-        Cell& c = row.cells[spec.program];
+    auto record = [&](Row& row, const RunCase& run, const RunOutcome& o, const std::string& what) {
+        Cell& c = row.cells[run.program];
         if (!o.leftovers.empty()) {
-            auto& l = leftovers[spec.program];
+            auto& l = leftovers[run.program];
             l.insert(l.end(), o.leftovers.begin(), o.leftovers.end());
         }
         if (o.streamChecked) {
             c.streamTexts.push_back(o.streamText);
             if (!o.streamOk) c.streamOk = false;
         }
-        std::string where = spec.program + " " + row.placement + " " + row.test + " " +
+        std::string where = run.program + " " + row.placement + " " + row.test + " " +
                             std::to_string(row.size) + " B " + what;
         for (const std::string& e : o.errors) report.failures.push_back(where + ": " + e);
         fprintf(stderr, "[%zu/%zu] %s: %s\n", ++done, total, where.c_str(), o.ok ? "ok" : "FAILED");
@@ -1002,11 +1003,11 @@ int main(int argc, char** argv) {
                 row.size = size;
                 row.count = test == "rpc" ? config.rpcCount : config.streamCount;
                 for (const std::string& program : config.programs) row.cells[program] = Cell();
-                for (int run = 1; run <= config.runs; ++run) {
+                for (int round = 1; round <= config.runs; ++round) {
                     for (const std::string& program : config.programs) {
-                        RunSpec spec{program, paths[program], placement, test,
-                                     size,    row.count,      false};
-                        RunOutcome o = runner.Run(spec);
+                        RunCase run{program, paths[program], placement, test,
+                                    size,    row.count,      false};
+                        RunOutcome o = runner.Run(run);
                         Cell& c = row.cells[program];
                         if (o.ok) {
                             c.runsOk++;
@@ -1022,22 +1023,22 @@ int main(int argc, char** argv) {
                         } else {
                             c.runsFailed++;
                         }
-                        record(row, spec, o, "run " + std::to_string(run));
+                        record(row, run, o, "run " + std::to_string(round));
                     }
                 }
                 if (report.perfOk) {
                     for (const std::string& program : config.programs) {
                         uint64_t n = test == "rpc" ? std::min(config.rpcCount, kCountRpc)
                                                    : std::min(config.streamCount, kCountStream);
-                        RunSpec spec{program, paths[program], placement, test, size, n, true};
-                        RunOutcome o = runner.Run(spec);
+                        RunCase run{program, paths[program], placement, test, size, n, true};
+                        RunOutcome o = runner.Run(run);
                         Cell& c = row.cells[program];
                         if (!std::isnan(o.sysCaller) && !std::isnan(o.sysPeer)) {
                             c.counted = true;
                             c.sysCaller = o.sysCaller;
                             c.sysPeer = o.sysPeer;
                         }
-                        record(row, spec, o, "counting run");
+                        record(row, run, o, "counting run");
                     }
                 }
                 report.rows.push_back(row);

@@ -252,3 +252,56 @@ void PrintStreamResult(const char* program, const Options& opt, const StreamOutc
 }
 
 }  // namespace ipcbench
+
+namespace ipcbench {
+
+void RunStreamLoop(const char* program, const Options& opt, const StreamSend& send,
+                   const StreamFin& fin, StreamOutcome& out) {
+    std::vector<uint8_t> payload;
+    FillPayload(payload, opt.size);
+    if (!SyncPoint(opt, "READY")) {
+        out.error = "sync";
+        return;
+    }
+    const uint64_t start = NowNs();
+    for (uint64_t i = 0; i < opt.count; ++i) {
+        PutSeq(payload.data(), i);
+        int ret = send(i, payload.data(), out.retries);
+        if (ret != 0) {
+            fprintf(stderr, "%s caller: send %llu: %s\n", program,
+                    static_cast<unsigned long long>(i), strerror(-ret));
+            out.error = "send_errno_" + std::to_string(-ret);
+            break;
+        }
+        out.accepted++;
+    }
+    PutSeq(payload.data(), kFinSeq);
+    int ret = fin(payload.data(), out.fin, out.retries);
+    out.elapsedSec = static_cast<double>(NowNs() - start) / 1e9;
+    if (ret == 0) {
+        out.finOk = true;
+    } else {
+        fprintf(stderr, "%s caller: fin: ret %d (%s)\n", program, ret, strerror(-ret));
+        if (out.error.empty()) out.error = "fin";
+    }
+    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+}
+
+int FinishCaller(const char* program, const Options& opt, RpcOutcome& rpc,
+                 const StreamOutcome& stream) {
+    if (opt.mode == Mode::kRpc) {
+        PrintRpcResult(program, opt, rpc);
+        return rpc.error.empty() && rpc.failures == 0 ? 0 : 1;
+    }
+    PrintStreamResult(program, opt, stream);
+    return stream.error.empty() && stream.finOk ? 0 : 1;
+}
+
+int RunProgram(int argc, char** argv, const char* program, int (*peer)(const Options&),
+               int (*caller)(const Options&)) {
+    Options opt;
+    if (!ParseOptions(argc, argv, program, opt)) return 2;
+    return opt.role == Role::kPeer ? peer(opt) : caller(opt);
+}
+
+}  // namespace ipcbench

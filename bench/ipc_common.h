@@ -14,6 +14,9 @@
 #ifndef SABLE_BENCH_IPC_COMMON_H
 #define SABLE_BENCH_IPC_COMMON_H
 
+#include <errno.h>
+#include <sched.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -44,11 +47,32 @@ constexpr int kFinTimeoutMs = 30000;
 constexpr int kPeerLifetimeSec = 120;  // a peer whose caller never leaves gives up after this
 constexpr int kStuckSendSec = 30;      // a send retried on a full FIFO for this long fails
 
-// Parses argv (argv[1] is the role). Prints the usage line and returns false on any error.
-bool ParseOptions(int argc, char** argv, const char* program, Options& opt);
-
 uint64_t NowNs();  // CLOCK_MONOTONIC
 uint64_t NowUs();
+
+// Retries `send` (a callable returning 0 or a negative errno) while it answers -EAGAIN (a full
+// FIFO), yielding the CPU between tries, for at most kStuckSendSec: the one retry policy of all
+// three programs. Counts the retries in `*retries` when given.
+template <typename Send>
+int RetryFull(Send&& send, uint64_t* retries) {
+    uint64_t spins = 0;
+    uint64_t deadline = 0;
+    for (;;) {
+        int ret = send();
+        if (ret != -EAGAIN) return ret;
+        if (retries != nullptr) (*retries)++;
+        // The clock is read only when the FIFO is full, and then only now and again.
+        if (spins++ == 0) {
+            deadline = NowNs() + kStuckSendSec * 1000000000ull;
+        } else if ((spins & 1023u) == 0 && NowNs() > deadline) {
+            return -ETIMEDOUT;
+        }
+        sched_yield();
+    }
+}
+
+// Parses argv (argv[1] is the role). Prints the usage line and returns false on any error.
+bool ParseOptions(int argc, char** argv, const char* program, Options& opt);
 
 // The payload the caller sends: a fixed byte pattern with the sequence number (or kFinSeq) in
 // the first 8 bytes.
@@ -109,6 +133,25 @@ struct StreamOutcome {
     std::string error;
 };
 void PrintStreamResult(const char* program, const Options& opt, const StreamOutcome& out);
+
+// One one-way request of a stream, carrying `payload` (opt.size bytes, request number `seq` in
+// it): 0 or a negative errno. Retries on a full FIFO are counted in `retries`.
+using StreamSend = std::function<int(uint64_t seq, const uint8_t* payload, uint64_t& retries)>;
+// The final RPC carrying `payload` (kFinSeq in it): 0 with the peer's report, or a negative
+// errno (-EPROTO for an answer that is no report).
+using StreamFin = std::function<int(const uint8_t* payload, FinReport& report, uint64_t& retries)>;
+// The caller's stream, the same for every program: opt.count requests between the READY and
+// DONE sync points, then the final RPC; the elapsed time runs from the first send to its answer.
+void RunStreamLoop(const char* program, const Options& opt, const StreamSend& send,
+                   const StreamFin& fin, StreamOutcome& out);
+
+// Prints the caller's result line for its mode and returns the exit status: 0 when the run of
+// that mode has no error (every RPC answered; the stream's final RPC answered).
+int FinishCaller(const char* program, const Options& opt, RpcOutcome& rpc,
+                 const StreamOutcome& stream);
+// main() of a program: parses the command line and runs the role. 2 for a bad command line.
+int RunProgram(int argc, char** argv, const char* program, int (*peer)(const Options&),
+               int (*caller)(const Options&));
 
 }  // namespace ipcbench
 

@@ -103,25 +103,28 @@ int OpenRetryNoReader(const std::string& path, int flags, int timeoutMs) {
     }
 }
 
+FifoPair::FifoPair(std::string inPath, std::string outPath, const char* who)
+    : in_(std::move(inPath)), out_(std::move(outPath)) {
+    made_ = mkfifo(in_.c_str(), 0600) == 0 && mkfifo(out_.c_str(), 0600) == 0;
+    if (!made_) fprintf(stderr, "%s peer: mkfifo: %s\n", who, strerror(errno));
+}
+
+FifoPair::~FifoPair() {
+    unlink(in_.c_str());
+    unlink(out_.c_str());
+}
+
 int WriteFrameRetry(int fd, const uint8_t* frame, size_t len, uint64_t* retries) {
-    uint64_t spins = 0;
-    uint64_t deadline = 0;
-    for (;;) {
-        ssize_t n = write(fd, frame, len);
-        if (n == static_cast<ssize_t>(len)) return 0;
-        if (n >= 0) return -EIO;  // a frame within PIPE_BUF is never split
-        int err = errno;
-        if (err == EINTR) continue;
-        if (err != EAGAIN) return -err;
-        if (retries != nullptr) (*retries)++;
-        // The clock is read only when the FIFO is full, and then only now and again.
-        if (spins++ == 0) {
-            deadline = NowNs() + kStuckSendSec * 1000000000ull;
-        } else if ((spins & 1023u) == 0 && NowNs() > deadline) {
-            return -ETIMEDOUT;
-        }
-        sched_yield();
-    }
+    return RetryFull(
+        [&] {
+            for (;;) {
+                ssize_t n = write(fd, frame, len);
+                if (n == static_cast<ssize_t>(len)) return 0;
+                if (n >= 0) return -EIO;  // a frame within PIPE_BUF is never split
+                if (errno != EINTR) return -errno;
+            }
+        },
+        retries);
 }
 
 int WriteAll(int fd, const uint8_t* data, size_t len) {

@@ -72,6 +72,22 @@ int OpenRetryNoReader(const std::string& path, int flags, int timeoutMs);
 // One write of a whole frame on a non-blocking FIFO; EAGAIN (full) yields the CPU and retries,
 // counting the retries, for at most kStuckSendSec. 0, or -errno (a short write is -EIO).
 int WriteFrameRetry(int fd, const uint8_t* frame, size_t len, uint64_t* retries);
+
+// The peer's two FIFOs, made with mode 0600 and removed when the object goes. Made() is false
+// (reported on stderr as `who`) when either could not be made.
+class FifoPair {
+  public:
+    FifoPair(std::string inPath, std::string outPath, const char* who);
+    ~FifoPair();
+    FifoPair(const FifoPair&) = delete;
+    FifoPair& operator=(const FifoPair&) = delete;
+    bool Made() const { return made_; }
+
+  private:
+    std::string in_;
+    std::string out_;
+    bool made_ = false;
+};
 // Blocking write of all bytes (EINTR retried). 0 or -errno.
 int WriteAll(int fd, const uint8_t* data, size_t len);
 // Blocking read of exactly len bytes: len, 0 at end of file before the first byte, -EIO at end

@@ -271,24 +271,15 @@ class Endpoint {
 int RunPeer(const Options& opt) {
     const std::string in = FifoPath(opt.peer, opt.self);
     const std::string out = FifoPath(opt.self, opt.peer);
-    auto removeFiles = [&] {
-        unlink(in.c_str());
-        unlink(out.c_str());
-    };
-    if (mkfifo(in.c_str(), 0600) != 0 || mkfifo(out.c_str(), 0600) != 0) {
-        fprintf(stderr, "ipc_plain peer: mkfifo: %s\n", strerror(errno));
-        removeFiles();
-        return 1;
-    }
+    FifoPair files(in, out, "ipc_plain");  // removed when the peer returns
+    if (!files.Made()) return 1;
     int readFd = open(in.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (readFd < 0) {
         fprintf(stderr, "ipc_plain peer: open %s: %s\n", in.c_str(), strerror(errno));
-        removeFiles();
         return 1;
     }
     Endpoint ep("peer");
     if (!ep.StartReceiver(readFd)) {
-        removeFiles();
         return 1;
     }
     int writeFd = OpenRetryNoReader(out, O_WRONLY | O_NONBLOCK | O_CLOEXEC, kOpenTimeoutMs);
@@ -296,7 +287,6 @@ int RunPeer(const Options& opt) {
         fprintf(stderr, "ipc_plain peer: open %s: %s\n", out.c_str(), strerror(-writeFd));
         ep.Stop();
         close(readFd);
-        removeFiles();
         return 1;
     }
 
@@ -327,7 +317,6 @@ int RunPeer(const Options& opt) {
     ep.Stop();
     close(writeFd);
     close(readFd);
-    removeFiles();
     return gone && ep.errors() == 0 ? 0 : 1;
 }
 
@@ -350,40 +339,25 @@ void RunRpc(Endpoint& ep, const Options& opt, RpcOutcome& out) {
 }
 
 void RunStream(Endpoint& ep, const Options& opt, StreamOutcome& out) {
-    std::vector<uint8_t> payload;
-    FillPayload(payload, opt.size);
     std::vector<uint8_t> frame(kMaxFrame);
-    if (!SyncPoint(opt, "READY")) {
-        out.error = "sync";
-        return;
-    }
-    uint64_t start = NowNs();
-    for (uint64_t i = 0; i < opt.count; ++i) {
-        PutSeq(payload.data(), i);
-        size_t n = BuildFrame(frame.data(), static_cast<uint32_t>(i), kTypeRequest, payload.data(),
-                              opt.size, -1);
-        int ret = WriteFrameRetry(ep.writeFd(), frame.data(), n, &out.retries);
-        if (ret != 0) {
-            fprintf(stderr, "ipc_plain caller: write %llu: %s\n",
-                    static_cast<unsigned long long>(i), strerror(-ret));
-            out.error = "send_errno_" + std::to_string(-ret);
-            break;
-        }
-        out.accepted++;
-    }
-    PutSeq(payload.data(), kFinSeq);
-    std::vector<uint8_t> answer;
-    int ret = ep.Call(0xFFFFFFFFu, payload.data(), opt.size, kFinTimeoutMs, frame.data(), answer,
-                      &out.retries);
-    out.elapsedSec = static_cast<double>(NowNs() - start) / 1e9;
-    if (ret == 0 && ParseFinReply(answer.data(), static_cast<uint32_t>(answer.size()), out.fin)) {
-        out.finOk = true;
-    } else {
-        fprintf(stderr, "ipc_plain caller: fin: ret %d (%s), response size %zu\n", ret,
-                ret ? strerror(-ret) : "ok", answer.size());
-        if (out.error.empty()) out.error = "fin";
-    }
-    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+    RunStreamLoop(
+        "ipc_plain", opt,
+        [&](uint64_t seq, const uint8_t* payload, uint64_t& retries) {
+            size_t n = BuildFrame(frame.data(), static_cast<uint32_t>(seq), kTypeRequest, payload,
+                                  opt.size, -1);
+            return WriteFrameRetry(ep.writeFd(), frame.data(), n, &retries);
+        },
+        [&](const uint8_t* payload, FinReport& report, uint64_t& retries) {
+            std::vector<uint8_t> answer;
+            int ret = ep.Call(0xFFFFFFFFu, payload, opt.size, kFinTimeoutMs, frame.data(), answer,
+                              &retries);
+            if (ret == 0 &&
+                !ParseFinReply(answer.data(), static_cast<uint32_t>(answer.size()), report)) {
+                ret = -EPROTO;
+            }
+            return ret;
+        },
+        out);
 }
 
 int RunCaller(const Options& opt) {
@@ -392,14 +366,8 @@ int RunCaller(const Options& opt) {
     RpcOutcome rpc;
     StreamOutcome stream;
     auto report = [&](const std::string& error) {
-        if (opt.mode == Mode::kRpc) {
-            if (rpc.error.empty()) rpc.error = error;
-            PrintRpcResult(kProgram, opt, rpc);
-        } else {
-            if (stream.error.empty()) stream.error = error;
-            PrintStreamResult(kProgram, opt, stream);
-        }
-        return 1;
+        rpc.error = stream.error = error;
+        return FinishCaller(kProgram, opt, rpc, stream);
     };
     uint64_t openStart = NowNs();
     if (!WaitForFile(out, kOpenTimeoutMs) || !WaitForFile(in, kOpenTimeoutMs)) {
@@ -429,35 +397,24 @@ int RunCaller(const Options& opt) {
         ep.CountError();
     });
 
-    bool ok = false;
     if (opt.mode == Mode::kRpc) {
         RunRpc(ep, opt, rpc);
-        ok = rpc.error.empty() && rpc.failures == 0;
     } else {
         RunStream(ep, opt, stream);
-        ok = stream.error.empty() && stream.finOk;
     }
     close(writeFd);  // the peer reads the end of file and leaves
     ep.Stop();
     close(readFd);
     if (ep.errors() != 0) {
-        ok = false;
         if (rpc.error.empty()) rpc.error = "protocol";
         if (stream.error.empty()) stream.error = "protocol";
     }
-    if (opt.mode == Mode::kRpc) {
-        PrintRpcResult(kProgram, opt, rpc);
-    } else {
-        PrintStreamResult(kProgram, opt, stream);
-    }
-    return ok ? 0 : 1;
+    return FinishCaller(kProgram, opt, rpc, stream);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
-    Options opt;
-    if (!ParseOptions(argc, argv, "ipc_plain", opt)) return 2;
-    return opt.role == Role::kPeer ? RunPeer(opt) : RunCaller(opt);
+    return RunProgram(argc, argv, "ipc_plain", RunPeer, RunCaller);
 }

@@ -142,29 +142,20 @@ int ServeStream(int readFd, int writeFd, const Options& opt) {
 int RunPeer(const Options& opt) {
     const std::string in = FifoPath(opt.peer, opt.self);
     const std::string out = FifoPath(opt.self, opt.peer);
-    auto removeFiles = [&] {
-        unlink(in.c_str());
-        unlink(out.c_str());
-    };
-    if (mkfifo(in.c_str(), 0600) != 0 || mkfifo(out.c_str(), 0600) != 0) {
-        fprintf(stderr, "ipc_raw peer: mkfifo: %s\n", strerror(errno));
-        removeFiles();
-        return 1;
-    }
+    FifoPair files(in, out, "ipc_raw");  // removed when the peer returns
+    if (!files.Made()) return 1;
     ArmOpenBound();
     int readFd = OpenOrReport(in, O_RDONLY | O_CLOEXEC, "peer");
     int writeFd = readFd < 0 ? -1 : OpenOrReport(out, O_WRONLY | O_CLOEXEC, "peer");
     alarm(0);
     if (writeFd < 0) {
         if (readFd >= 0) close(readFd);
-        removeFiles();
         return 1;
     }
     int errors =
         opt.mode == Mode::kRpc ? ServeRpc(readFd, writeFd, opt) : ServeStream(readFd, writeFd, opt);
     close(writeFd);
     close(readFd);
-    removeFiles();
     return errors == 0 ? 0 : 1;
 }
 
@@ -199,40 +190,23 @@ void RunRpc(int readFd, int writeFd, const Options& opt, RpcOutcome& out) {
 }
 
 void RunStream(int readFd, int writeFd, const Options& opt, StreamOutcome& out) {
-    std::vector<uint8_t> payload;
-    FillPayload(payload, opt.size);
     std::vector<uint8_t> txFrame(kMaxFrame);
     std::vector<uint8_t> rxFrame(kMaxFrame);
-    if (!SyncPoint(opt, "READY")) {
-        out.error = "sync";
-        return;
-    }
-    uint64_t start = NowNs();
-    for (uint64_t i = 0; i < opt.count; ++i) {
-        PutSeq(payload.data(), i);
-        size_t n = BuildFrame(txFrame.data(), static_cast<uint32_t>(i), kTypeRequest,
-                              payload.data(), opt.size, -1);
-        int ret = WriteAll(writeFd, txFrame.data(), n);
-        if (ret != 0) {
-            fprintf(stderr, "ipc_raw caller: write %llu: %s\n", static_cast<unsigned long long>(i),
-                    strerror(-ret));
-            out.error = "send_errno_" + std::to_string(-ret);
-            break;
-        }
-        out.accepted++;
-    }
-    PutSeq(payload.data(), kFinSeq);
-    FrameView rsp;
-    int ret = Call(readFd, writeFd, 0xFFFFFFFFu, payload.data(), opt.size, kFinTimeoutMs,
-                   txFrame.data(), rxFrame.data(), rsp);
-    out.elapsedSec = static_cast<double>(NowNs() - start) / 1e9;
-    if (ret == 0 && ParseFinReply(rsp.payload, rsp.len, out.fin)) {
-        out.finOk = true;
-    } else {
-        fprintf(stderr, "ipc_raw caller: fin: ret %d (%s)\n", ret, ret ? strerror(-ret) : "ok");
-        if (out.error.empty()) out.error = "fin";
-    }
-    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+    RunStreamLoop(
+        "ipc_raw", opt,
+        [&](uint64_t seq, const uint8_t* payload, uint64_t&) {
+            size_t n = BuildFrame(txFrame.data(), static_cast<uint32_t>(seq), kTypeRequest, payload,
+                                  opt.size, -1);
+            return WriteAll(writeFd, txFrame.data(), n);
+        },
+        [&](const uint8_t* payload, FinReport& report, uint64_t&) {
+            FrameView rsp;
+            int ret = Call(readFd, writeFd, 0xFFFFFFFFu, payload, opt.size, kFinTimeoutMs,
+                           txFrame.data(), rxFrame.data(), rsp);
+            if (ret == 0 && !ParseFinReply(rsp.payload, rsp.len, report)) ret = -EPROTO;
+            return ret;
+        },
+        out);
 }
 
 int RunCaller(const Options& opt) {
@@ -250,31 +224,21 @@ int RunCaller(const Options& opt) {
     } else {
         fprintf(stderr, "ipc_raw caller: the peer's FIFOs did not appear\n");
     }
-    bool ok = false;
     if (readFd < 0) {
         rpc.error = stream.error = "open";
     } else if (opt.mode == Mode::kRpc) {
         RunRpc(readFd, writeFd, opt, rpc);
-        ok = rpc.error.empty() && rpc.failures == 0;
     } else {
         RunStream(readFd, writeFd, opt, stream);
-        ok = stream.error.empty() && stream.finOk;
     }
     if (writeFd >= 0) close(writeFd);
     if (readFd >= 0) close(readFd);
-    if (opt.mode == Mode::kRpc) {
-        PrintRpcResult(kProgram, opt, rpc);
-    } else {
-        PrintStreamResult(kProgram, opt, stream);
-    }
-    return ok ? 0 : 1;
+    return FinishCaller(kProgram, opt, rpc, stream);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
-    Options opt;
-    if (!ParseOptions(argc, argv, "ipc_raw", opt)) return 2;
-    return opt.role == Role::kPeer ? RunPeer(opt) : RunCaller(opt);
+    return RunProgram(argc, argv, "ipc_raw", RunPeer, RunCaller);
 }

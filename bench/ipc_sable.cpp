@@ -23,24 +23,15 @@ using namespace ipcbench;
 
 const char kProgram[] = "sable";
 
-// A full FIFO answers -EAGAIN at once (SabloSendRequest, SabloSendResponse and the send of
-// SabloTimedRPCSync alike, which then forgets the request): yield and send the same message
-// again, as the baselines do, for at most kStuckSendSec.
-template <typename Send>
-int RetryFull(Send&& send, uint64_t* retries) {
-    uint64_t spins = 0;
-    uint64_t deadline = 0;
-    for (;;) {
-        int ret = send();
-        if (ret != -EAGAIN) return ret;
-        if (retries != nullptr) (*retries)++;
-        if (spins++ == 0) {
-            deadline = NowNs() + kStuckSendSec * 1000000000ull;
-        } else if ((spins & 1023u) == 0 && NowNs() > deadline) {
-            return -ETIMEDOUT;
-        }
-        sched_yield();
-    }
+// The pipe between the two names: the peer creates it, the caller joins it.
+SabloAttr PipeAttr(const Options& opt, SabloMode mode) {
+    SabloAttr attr;
+    attr.targetName = opt.peer.c_str();
+    attr.selfName = opt.self.c_str();
+    attr.mode = mode;
+    attr.priority = SABLO_PRIORITY_DEFAULT;
+    attr.timeout = kOpenTimeoutMs;
+    return attr;
 }
 
 struct Peer {
@@ -97,12 +88,7 @@ struct Peer {
 int RunPeer(const Options& opt) {
     // Never freed: a library thread may still be returning from the callback when main returns.
     Peer& peer = *new Peer(opt);
-    SabloAttr attr;
-    attr.targetName = opt.peer.c_str();
-    attr.selfName = opt.self.c_str();
-    attr.mode = SABLO_MODE_CREATE;
-    attr.priority = SABLO_PRIORITY_DEFAULT;
-    attr.timeout = kOpenTimeoutMs;
+    SabloAttr attr = PipeAttr(opt, SABLO_MODE_CREATE);
     attr.callback = [&peer](int fd, SabloRequest* req) { peer.OnRequest(fd, req); };
     int fd = SabloOpen(&attr);
     if (fd < 0) {
@@ -136,87 +122,48 @@ void RunRpc(int fd, const Options& opt, RpcOutcome& out) {
 }
 
 void RunStream(int fd, const Options& opt, StreamOutcome& out) {
-    std::vector<uint8_t> payload;
-    FillPayload(payload, opt.size);
-    if (!SyncPoint(opt, "READY")) {
-        out.error = "sync";
-        return;
-    }
-    uint64_t start = NowNs();
-    for (uint64_t i = 0; i < opt.count; ++i) {
-        PutSeq(payload.data(), i);
-        SabloRequest req{static_cast<uint32_t>(i), payload.data(), opt.size};
-        int ret = RetryFull([&] { return SabloSendRequest(fd, &req); }, &out.retries);
-        if (ret != 0) {
-            fprintf(stderr, "ipc_sable caller: SabloSendRequest %llu: %s\n",
-                    static_cast<unsigned long long>(i), strerror(-ret));
-            out.error = "send_errno_" + std::to_string(-ret);
-            break;
-        }
-        out.accepted++;
-    }
-    PutSeq(payload.data(), kFinSeq);
-    SabloRequest fin{0, payload.data(), opt.size};
-    SabloResponse rsp{};
-    // The fin meets the FIFO the stream has just filled: a full FIFO fails the RPC's send at
-    // once with -EAGAIN (the time-out covers only the wait for the answer), so it is retried
-    // like every other send.
-    int ret =
-        RetryFull([&] { return SabloTimedRPCSync(fd, &fin, &rsp, kFinTimeoutMs); }, &out.retries);
-    out.elapsedSec = static_cast<double>(NowNs() - start) / 1e9;
-    if (ret == 0 && ParseFinReply(rsp.data, rsp.size, out.fin)) {
-        out.finOk = true;
-    } else {
-        fprintf(stderr, "ipc_sable caller: fin RPC: ret %d (%s), response size %u\n", ret,
-                ret ? strerror(-ret) : "ok", rsp.size);
-        if (out.error.empty()) out.error = "fin";
-    }
-    DestroyResponse(&rsp);
-    if (!SyncPoint(opt, "DONE") && out.error.empty()) out.error = "sync";
+    RunStreamLoop(
+        "ipc_sable", opt,
+        [&](uint64_t seq, const uint8_t* payload, uint64_t& retries) {
+            SabloRequest req{static_cast<uint32_t>(seq), const_cast<uint8_t*>(payload), opt.size};
+            return RetryFull([&] { return SabloSendRequest(fd, &req); }, &retries);
+        },
+        [&](const uint8_t* payload, FinReport& report, uint64_t& retries) {
+            SabloRequest fin{0, const_cast<uint8_t*>(payload), opt.size};
+            SabloResponse rsp{};
+            // The fin meets the FIFO the stream has just filled: a full FIFO fails the RPC's
+            // send at once with -EAGAIN (the time-out covers only the wait for the answer), so
+            // it is retried like every other send.
+            int ret = RetryFull([&] { return SabloTimedRPCSync(fd, &fin, &rsp, kFinTimeoutMs); },
+                                &retries);
+            if (ret == 0 && !ParseFinReply(rsp.data, rsp.size, report)) ret = -EPROTO;
+            DestroyResponse(&rsp);
+            return ret;
+        },
+        out);
 }
 
 int RunCaller(const Options& opt) {
-    SabloAttr attr;
-    attr.targetName = opt.peer.c_str();
-    attr.selfName = opt.self.c_str();
-    attr.mode = SABLO_MODE_JOIN;
-    attr.priority = SABLO_PRIORITY_DEFAULT;
-    attr.timeout = kOpenTimeoutMs;
+    SabloAttr attr = PipeAttr(opt, SABLO_MODE_JOIN);
+    RpcOutcome rpc;
+    StreamOutcome stream;
     int fd = SabloOpen(&attr);
     if (fd < 0) {
         fprintf(stderr, "ipc_sable caller: SabloOpen: %s\n", strerror(-fd));
-        if (opt.mode == Mode::kRpc) {
-            RpcOutcome out;
-            out.error = "open";
-            PrintRpcResult(kProgram, opt, out);
-        } else {
-            StreamOutcome out;
-            out.error = "open";
-            PrintStreamResult(kProgram, opt, out);
-        }
-        return 1;
-    }
-    bool ok = false;
-    if (opt.mode == Mode::kRpc) {
-        RpcOutcome out;
-        RunRpc(fd, opt, out);
-        SabloClosePipe(fd);
-        ok = out.error.empty() && out.failures == 0;
-        PrintRpcResult(kProgram, opt, out);
+        rpc.error = stream.error = "open";
     } else {
-        StreamOutcome out;
-        RunStream(fd, opt, out);
+        if (opt.mode == Mode::kRpc) {
+            RunRpc(fd, opt, rpc);
+        } else {
+            RunStream(fd, opt, stream);
+        }
         SabloClosePipe(fd);
-        ok = out.error.empty() && out.finOk;
-        PrintStreamResult(kProgram, opt, out);
     }
-    return ok ? 0 : 1;
+    return FinishCaller(kProgram, opt, rpc, stream);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options opt;
-    if (!ParseOptions(argc, argv, "ipc_sable", opt)) return 2;
-    return opt.role == Role::kPeer ? RunPeer(opt) : RunCaller(opt);
+    return RunProgram(argc, argv, "ipc_sable", RunPeer, RunCaller);
 }
