@@ -4,8 +4,10 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
+#include <set>
 
 #include "base/safe_c.h"
 #include "log/NuxSyslog.h"
@@ -20,7 +22,19 @@ bool nuxPerfFlag = false;
 
 namespace {
 
-char procName[EnvManager::PROC_NAME_SIZE] = {0};
+// Every process name set so far, never changed nor freed (a set keeps its elements in place),
+// so that a pointer handed out by ProcName stays valid and its text stable while the name is
+// set again; and the present one. A name set again reuses its entry, so the set grows only
+// with distinct names.
+std::mutex& NamesMutex() {
+    static std::mutex* mu = new std::mutex;  // a leaf: taken after the environment mutex
+    return *mu;
+}
+std::set<std::string>& Names() {
+    static auto* names = new std::set<std::string>;
+    return *names;
+}
+std::atomic<const char*> procName{""};
 std::once_flag procNameOnce;
 std::string runMode;  // guarded by EnvManager::Instance()
 
@@ -45,11 +59,16 @@ const std::string& EnvManager::LibraryPath() {
 }
 
 int EnvManager::SetProcName(const std::string& name) {
-    int ret = strcpy_s(procName, sizeof(procName), name.c_str());
+    // The bounded copy decides, as for a fixed buffer of PROC_NAME_SIZE bytes.
+    char copy[PROC_NAME_SIZE] = {0};
+    int ret = strcpy_s(copy, sizeof(copy), name.c_str());
     if (ret != 0) {
-        procName[0] = '\0';
+        copy[0] = '\0';
     }
-    procName[PROC_NAME_SIZE - 1] = '\0';
+    copy[PROC_NAME_SIZE - 1] = '\0';
+    std::lock_guard<std::mutex> lock(NamesMutex());
+    const std::string& kept = *Names().emplace(copy).first;
+    procName.store(kept.c_str(), std::memory_order_release);
     return ret;
 }
 
@@ -69,7 +88,7 @@ void EnvManager::EnableDefaultProcName() {
 const char* EnvManager::ProcName() {
     std::call_once(procNameOnce, [] {
         std::lock_guard<std::mutex> lock(Instance());
-        if (strnlen(procName, PROC_NAME_SIZE - 1) != 0) {
+        if (*procName.load(std::memory_order_acquire) != '\0') {
             return;
         }
         const char* env = getenv("PROC_NAME");
@@ -79,7 +98,7 @@ const char* EnvManager::ProcName() {
             EnableDefaultProcName();
         }
     });
-    return procName;
+    return procName.load(std::memory_order_acquire);
 }
 
 int EnvManager::HostName() {
@@ -159,6 +178,17 @@ bool EnvManager::CheckEnvPreparation() {
     }
     const char* preload = getenv("LD_PRELOAD");
     return preload != nullptr && strstr(preload, LibraryPath().c_str()) != nullptr;
+}
+
+size_t EnvManager::GetWorkerStackKb() {
+    std::lock_guard<std::mutex> lock(Instance());
+    const char* env = getenv("SABLE_WORKER_STACK_KB");
+    if (env == nullptr || *env == '\0') {
+        return 0;
+    }
+    char* end = nullptr;
+    unsigned long long kb = strtoull(env, &end, 10);
+    return (*end == '\0' && env[0] != '-') ? static_cast<size_t>(kb) : 0;
 }
 
 std::string EnvManager::GetRunMode() {

@@ -17,9 +17,13 @@ class EnvManager {
     static std::mutex& Instance();
 
     // The process name: PROC_NAME, else the kernel's name of the process ("process-manager" is
-    // "PROCMGR"); resolved once. Never NULL; empty when nothing could be found.
+    // "PROCMGR"); resolved once. Never NULL; empty when nothing could be found. A later
+    // SetProcName (EnvInit, SetEnv of PROC_NAME) does not change the text a caller already
+    // holds: every name is kept, unchanged, for the life of the process, and the pointer to
+    // the present one is swapped; so any thread may read the name while another sets it.
     static const char* ProcName();
     // 0, or a non-zero status when `name` is 101 characters or more (the name is then empty).
+    // Thread-safe.
     static int SetProcName(const std::string& name);
     static void EnableDefaultProcName();
 
@@ -41,6 +45,8 @@ class EnvManager {
     static bool CheckEnvPreparation();
     // DATAGLEN_RUN_MODE, cached once it was found non-empty.
     static std::string GetRunMode();
+    // SABLE_WORKER_STACK_KB as a number of KiB; 0 when unset or not a positive number.
+    static size_t GetWorkerStackKb();
 
     static const std::string& LibraryPath();
 };

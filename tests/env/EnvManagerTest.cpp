@@ -3,9 +3,14 @@
 #include <stdlib.h>
 #include <sys/prctl.h>
 
+#include <atomic>
+#include <cstring>
 #include <string>
+#include <thread>
 
 #include "FreshProcess.h"
+#include "LogCapture.h"
+#include "log/NuxSyslog.h"
 #include "api/sable_comm_internal.h"
 #include "env/EnvManager.h"
 
@@ -53,6 +58,39 @@ TEST(EnvProcName, KernelNameServesWithoutProcNameAndProcessManagerIsPROCMGR) {
         prctl(PR_SET_NAME, "process-manager");
         EnvManager::EnableDefaultProcName();
         p.Eq(std::string(EnvManager::ProcName()), "PROCMGR", "process-manager");
+        return p.Text();
+    });
+}
+
+// EnvInit renames the process while another thread logs: every line carries one whole name
+// (under ThreadSanitizer: and no data race), and a name read before stays readable.
+TEST(EnvProcName, ANameSetWhileAnotherThreadLogsIsReadWhole) {
+    SABLE_EXPECT_IN_FRESH_PROCESS([] {
+        Problems p;
+        unsetenv("NUX_LIB_PATH");
+        setenv("PROC_NAME", "first_name", 1);
+        const char* first = EnvManager::ProcName();
+        sable_test::LogCapture cap;
+        std::atomic<bool> done{false};
+        std::thread logger([&] {
+            for (int i = 0; i < 2000; ++i) LOGE("probe %d\n", i);
+            done = true;
+        });
+        for (int i = 0; !done.load() || i < 200; ++i) {
+            EnvManager::EnvInit(i % 2 == 0 ? "name_even" : "a_longer_odd_name");
+        }
+        logger.join();
+        p.Eq(std::string(first), "first_name", "a name read before the change");
+        size_t probes = 0;
+        for (const auto& line : cap.Lines()) {
+            if (line.text.find("probe ") == std::string::npos) continue;
+            ++probes;
+            bool whole = line.text.find("[first_name]") != std::string::npos ||
+                         line.text.find("[name_even]") != std::string::npos ||
+                         line.text.find("[a_longer_odd_name]") != std::string::npos;
+            p.True(whole, "a line without a whole name: " + line.text);
+        }
+        p.Eq(probes, size_t{2000}, "probe lines");
         return p.Text();
     });
 }
