@@ -4,6 +4,21 @@
 
 #include "log/NuxSyslog.h"
 
+namespace {
+
+// 0 for the classes a task may run under; otherwise the scheduling table's refusal.
+int CheckClass(SabloPriority prio) {
+    if (prio == SABLO_PRIORITY_DEFAULT || prio == SABLO_PRIORITY_NORMAL ||
+        prio == SABLO_PRIORITY_REALTIME) {
+        return 0;
+    }
+    LOGE("No such SabloPriority, input is %d\n", static_cast<int>(prio));
+    LOGE("Set worker attribute failed, ret = %d\n", -EINVAL);
+    return -EINVAL;
+}
+
+}  // namespace
+
 CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool) : pool(std::move(workerPool)) {}
 
 CallbackPool::~CallbackPool() {
@@ -22,24 +37,22 @@ int CallbackPool::DropAsyncTask(const std::function<void()>& callback, SabloPrio
         LOGW("Using thread pool after destroy.");
         return -EACCES;
     }
+    int ret = CheckClass(prio);
+    if (ret != 0) {
+        return ret;
+    }
     Worker* worker = prio == SABLO_PRIORITY_REALTIME ? pool->GetUrgentWorker() : pool->GetWorker();
     if (worker == nullptr) {
         // Destroy began while this caller waited for a worker.
         LOGW("Using thread pool after destroy.");
         return -EACCES;
     }
-    if (prio != SABLO_PRIORITY_DEFAULT) {
-        int ret = worker->SetRTType(prio);
-        if (ret != 0) {
-            LOGE("Set worker attribute failed, ret = %d\n", ret);
-            pool->FreeWorker(*worker);
-            return ret;
-        }
-    }
+    // The worker's thread takes the task's class itself when it comes to run it.
     std::shared_ptr<const SableTask> task = std::make_shared<OneShotTask>(callback, *this, *worker);
-    int ret = worker->Assign(task);
+    ret = worker->Assign(task, prio);
     if (ret != 0) {
-        // Not queued, so OnTaskFinished will never give the worker back.
+        // Not queued (a worker stopped by a Destroy under way refuses it), so OnTaskFinished
+        // will never give the worker back.
         pool->FreeWorker(*worker);
     }
     return ret;
@@ -61,19 +74,17 @@ int CallbackPool::DropTo(const std::string& name, std::shared_ptr<const SableTas
         LOGE("Input parameter invalid\n");
         return -EINVAL;
     }
+    int ret = CheckClass(prio);
+    if (ret != 0) {
+        return ret;
+    }
     int error = 0;
     Worker* worker = FindWorker(name, error);
     if (worker == nullptr) {
         return error;
     }
-    if (prio != SABLO_PRIORITY_DEFAULT) {
-        int ret = worker->SetRTType(prio);
-        if (ret != 0) {
-            LOGE("Set worker attribute failed, ret = %d\n", ret);
-            return ret;
-        }
-    }
-    return worker->Assign(task);
+    // -EACCES from a worker stopped by Destroy: nothing is queued that would not run.
+    return worker->Assign(task, prio);
 }
 
 Worker* CallbackPool::FindWorker(const std::string& name) {

@@ -17,9 +17,12 @@
 // FreeWorker(name). DropAsyncTask borrows any free worker for one callback and gives it back
 // when the callback has run; priority 2 may use the urgent workers.
 //
-// Priorities: 1 and 2 switch the worker's thread to ordinary or real-time scheduling before
-// the callback is queued; 0 leaves the thread's scheduling as it is; anything else is refused
-// (-EINVAL).
+// Priorities: each callback runs under the scheduling of its class, whichever class the
+// worker's previous task had: 2 SCHED_FIFO 50, 1 SCHED_OTHER 0, 0 the scheduling of the
+// process's ordinary threads (see Worker); anything else is refused (-EINVAL).
+//
+// A drop that returns 0 has queued a callback that will run, also when Destroy comes next;
+// a drop that cannot queue returns an error.
 //
 // Thread-safe; callbacks run with no lock of the pools held. Borrowed workers report back to
 // this object, so its destructor destroys the worker pool (stopping and joining its workers).
@@ -31,14 +34,14 @@ class CallbackPool : public SableTaskObserver {
     CallbackPool& operator=(const CallbackPool&) = delete;
 
     // Queues `callback` on a borrowed worker. Blocks while every slot it may use is lent.
-    // 0; -EINVAL for an empty callback; -EACCES after Destroy; the scheduling switch's error;
-    // -EBUSY or -1 from Worker::Assign. On failure the worker is given back.
+    // 0; -EINVAL for an empty callback or a class outside 0..2; -EACCES after (or during)
+    // Destroy; -EBUSY or -1 from Worker::Assign. On failure the worker is given back.
     int DropAsyncTask(const std::function<void()>& callback, SabloPriority prio)
         EXCLUDES(findMutex);
     // Queues `callback` on the worker bound to `name`, binding one first if needed (without
-    // waiting). 0; -EINVAL for an empty callback; -ENOSPC when no ordinary slot is free;
-    // -EACCES once the pool is destroyed (for a name not bound before); the scheduling
-    // switch's error; -EBUSY or -1 from Worker::Assign. Nothing is queued on failure.
+    // waiting). 0; -EINVAL for an empty callback or a class outside 0..2; -ENOSPC when no
+    // ordinary slot is free; -EACCES once Destroy has begun; -EBUSY or -1 from
+    // Worker::Assign. Nothing is queued on failure.
     int DropTo(const std::string& name, const std::function<void()>& callback, SabloPriority prio)
         EXCLUDES(findMutex);
     // The same for a task built by the caller (a null task is refused with -EINVAL), so that a

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <system_error>
 #include <typeinfo>
 
@@ -15,28 +16,45 @@ bool IsTableClass(SabloPriority prio) {
     return prio == SABLO_PRIORITY_NORMAL || prio == SABLO_PRIORITY_REALTIME;
 }
 
+bool SameSetting(const SchedSetting& a, const SchedSetting& b) {
+    return a.policy == b.policy && a.priority == b.priority;
+}
+
 }  // namespace
 
+size_t Worker::StackSize() {
+    static const size_t bytes = [] {
+        size_t kb = EnvManager::GetWorkerStackKb();
+        if (kb == 0) {
+            kb = DEFAULT_STACK_KB;
+        }
+        kb = std::max(MIN_STACK_KB, std::min(MAX_STACK_KB, kb));
+        return kb * 1024;
+    }();
+    return bytes;
+}
+
 Worker::Worker(std::string workerName, std::chrono::milliseconds idle)
-    : name(std::move(workerName)), idlePeriod(idle) {}
+    : Worker(std::move(workerName), idle, StackSize()) {}
+
+Worker::Worker(std::string workerName, std::chrono::milliseconds idle, size_t stackBytes)
+    : name(std::move(workerName)), idlePeriod(idle), stackSize(stackBytes) {}
 
 Worker::~Worker() {
     StopRoutine();
     ThreadJoin();
+    SableCommThread::ReapEnded();
 }
 
 bool Worker::Start() {
     running.store(true);
     exited.store(false);
+    // Threads of ended workers that are still mapped are let go of first.
+    SableCommThread::ReapEnded();
     try {
         sable::MutexLock lock(startMutex);
         if (running.load()) {
-            thread.Create(&Worker::Routine, this);
-            // A new thread starts with its creator's scheduling; give it the worker's own.
-            SabloPriority wanted = rtType.load(std::memory_order_relaxed);
-            if (IsTableClass(wanted)) {
-                thread.SetRTType(wanted);
-            }
+            thread.Create(&Worker::Routine, this, stackSize);
         }
     } catch (const std::system_error& e) {
         LOGE("start thread failed, system error: %s.\n", e.what());
@@ -61,9 +79,19 @@ bool Worker::Restart() {
     return true;
 }
 
-int Worker::Assign(TaskPtr& task) {
+int Worker::Assign(TaskPtr& task, SabloPriority prio) {
+    SchedSetting setting;
+    if (!SableCommThread::SettingOf(prio, setting)) {
+        LOGE("No such SabloPriority, input is %d\n", static_cast<int>(prio));
+        return -EINVAL;
+    }
     {
         sable::MutexLock lock(workerMutex);
+        if (!running.load()) {
+            // Stopped: its loop may already have ended, and nothing would run the task.
+            LOGW_R("Task refused by stopped worker=%s\n", name.c_str());
+            return -EACCES;
+        }
         if (exited.load()) {
             LOGI("restart thread by assign\n");
             if (!Restart()) {
@@ -74,7 +102,10 @@ int Worker::Assign(TaskPtr& task) {
             LOGW_R("Tasks exceeds worker's capacity(%lu)\n", static_cast<unsigned long>(CAPACITY));
             return -EBUSY;
         }
-        tasks.push_back(std::move(task));
+        tasks.push_back(QueuedTask{std::move(task), prio});
+        if (IsTableClass(prio)) {
+            rtType.store(prio, std::memory_order_relaxed);
+        }
     }
     // Posted after the unlock: the thread it wakes takes this mutex first thing, and on a busy
     // CPU would otherwise preempt this thread only to block on it. A running thread may take
@@ -85,6 +116,10 @@ int Worker::Assign(TaskPtr& task) {
 }
 
 int Worker::SetRTType(const SabloPriority& prio) {
+    if (!IsTableClass(prio)) {
+        LOGE("No such SabloPriority, input is %d\n", static_cast<int>(prio));
+        return -EINVAL;
+    }
     sable::MutexLock lock(workerMutex);
     if (exited.load()) {
         LOGI("restart thread by set rt type\n");
@@ -92,11 +127,10 @@ int Worker::SetRTType(const SabloPriority& prio) {
             return -1;
         }
     }
-    if (IsTableClass(prio)) {
-        rtType.store(prio, std::memory_order_relaxed);
-    }
-    sable::MutexLock startLock(startMutex);
-    return thread.SetRTType(prio);
+    // The thread is not switched from here: it may be running a task of another class. It
+    // switches itself before the next task of this class.
+    rtType.store(prio, std::memory_order_relaxed);
+    return 0;
 }
 
 Worker::TaskQueue Worker::Drain() {
@@ -123,7 +157,6 @@ void Worker::StopRoutine() {
 }
 
 void Worker::Stop() {
-    Clear();
     StopRoutine();
 }
 
@@ -151,14 +184,14 @@ bool Worker::IsWorking() {
 
 bool Worker::RunsOnCallingThread() {
     sable::MutexLock lock(startMutex);
-    return thread.GetId() == std::this_thread::get_id();
+    return thread.IsCallingThread();
 }
 
-Worker::TaskPtr Worker::GetNormalTask() {
+Worker::QueuedTask Worker::GetNormalTask() {
     if (tasks.empty()) {
-        return nullptr;
+        return QueuedTask{nullptr, SABLO_PRIORITY_DEFAULT};
     }
-    TaskPtr task = std::move(tasks.front());
+    QueuedTask task = std::move(tasks.front());
     tasks.pop_front();
     return task;
 }
@@ -178,34 +211,61 @@ void Worker::NameThread() {
 void Worker::Routine() {
     NameThread();
     KorCoreSetaffinity();
+    runSetting = SchedSetting{-1, -1};
     while (running.load()) {
         LOGI("worker=%s sleep!", name.c_str());
         int ret = sem.WaitFor(idlePeriod) ? 0 : -ETIMEDOUT;
         LOGI("worker=%s awake!", name.c_str());
         if (ret == -ETIMEDOUT) {
+            SableCommThread::EndedList earlier;
             sable::MutexLock lock(workerMutex);
             if (ExitCheck()) {
                 currentTask.reset();
                 exited.store(running.load());
                 LOGI("thread exit after waitting 60s, no task to process\n");
+                {
+                    // Let go of by the worker now, so that its stack goes as soon as the
+                    // thread has ended instead of at the next restart.
+                    sable::MutexLock startLock(startMutex);
+                    earlier = thread.Release();
+                }
+                lock.Unlock();
+                // From here on the worker is not touched: it may be restarted or destroyed.
+                SableCommThread::JoinEnded(earlier);
                 return;
             }
         }
         RunTasks();
     }
+    // Stopped: what was accepted before the stop still runs (Assign refuses from the stop on).
+    RunTasks();
+}
+
+void Worker::SwitchTo(SabloPriority prio) {
+    SchedSetting wanted;
+    if (!SableCommThread::SettingOf(prio, wanted) || SameSetting(wanted, runSetting)) {
+        return;
+    }
+    if (SableCommThread::ApplyToSelf(wanted, prio) == 0) {
+        runSetting = wanted;
+    }
+    // Refused (no right to real-time scheduling): the thread keeps the setting it had, and
+    // the next task of this class tries again.
 }
 
 void Worker::RunTasks() {
     for (;;) {
-        TaskPtr task;
+        QueuedTask next;
         {
             sable::MutexLock lock(workerMutex);
-            task = GetNormalTask();
-            if (!task) {
+            next = GetNormalTask();
+            if (!next.task) {
                 return;
             }
-            currentTask = task;
+            currentTask = next.task;
         }
+        TaskPtr task = std::move(next.task);
+        SwitchTo(next.prio);
         const SableTask& current = *task;
         LOGD("Calling %s\n", typeid(current).name());
         current();

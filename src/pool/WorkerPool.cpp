@@ -27,8 +27,11 @@ WorkerPool::WorkerPool(uint32_t ordinary, uint32_t urgent, std::chrono::millisec
       freeSlots(maxWorkers / BITS_PER_WORD + 1, ~uint64_t{0}),
       state(&PoolIdleState::Instance()),
       workerIdlePeriod(idle) {
-    sem_init(&freeWorkerSem, 0, 0);
+    sem_init(&ordinarySem, 0, 0);
+    sem_init(&urgentSem, 0, 0);
     sem_init(&destroySem, 0, 0);
+    // Read now, before any task asks for the ordinary scheduling.
+    SableCommThread::OrdinarySetting();
 }
 
 WorkerPool::~WorkerPool() {
@@ -41,18 +44,13 @@ WorkerPool::~WorkerPool() {
         }
         retired.clear();
     }
-    // Queued tasks must not run any more; each destructor then joins its thread.
+    // Each destructor lets the accepted tasks run and joins its thread.
     for (auto& worker : all) {
         worker->Stop();
     }
     all.clear();
-    Worker::TaskQueue dropped;
-    {
-        sable::MutexLock lock(poolMutex);
-        dropped.swap(droppedTasks);
-    }
-    dropped.clear();
-    sem_destroy(&freeWorkerSem);
+    sem_destroy(&ordinarySem);
+    sem_destroy(&urgentSem);
     sem_destroy(&destroySem);
 }
 
@@ -61,42 +59,68 @@ void WorkerPool::PostRetrying(sem_t* sem) {
     }
 }
 
-int WorkerPool::GetSlotAction(unsigned int limit) {
+int WorkerPool::TakeSlotIn(unsigned int from, unsigned int to) {
     // Bits past the pool are set too; the bound keeps them from being handed out.
-    if (limit > maxWorkers) {
-        limit = maxWorkers;
-    }
-    for (size_t word = 0; word < freeSlots.size(); ++word) {
-        if (freeSlots[word] == 0) {
+    for (size_t word = from / BITS_PER_WORD; word < freeSlots.size(); ++word) {
+        uint64_t bits = freeSlots[word];
+        if (word == from / BITS_PER_WORD) {
+            bits &= ~uint64_t{0} << (from % BITS_PER_WORD);
+        }
+        if (bits == 0) {
             continue;
         }
-        unsigned int bit = static_cast<unsigned int>(__builtin_ctzll(freeSlots[word]));
+        unsigned int bit = static_cast<unsigned int>(__builtin_ctzll(bits));
         size_t slot = word * BITS_PER_WORD + bit;
-        if (slot >= limit) {
-            return -ENOSPC;
+        if (slot >= to) {
+            return -1;
         }
         freeSlots[word] &= ~(uint64_t{1} << bit);
         return static_cast<int>(slot);
     }
-    return -ENOSPC;
+    return -1;
+}
+
+int WorkerPool::GetSlotAction(unsigned int limit) {
+    if (limit > maxWorkers) {
+        limit = maxWorkers;
+    }
+    int slot = -1;
+    if (limit > capacity) {
+        // An urgent caller: its own slots first, so that ordinary slots stay with ordinary
+        // callers.
+        slot = TakeSlotIn(capacity, limit);
+        if (slot < 0) {
+            slot = TakeSlotIn(0, capacity);
+        }
+    } else {
+        slot = TakeSlotIn(0, limit);
+    }
+    return slot >= 0 ? slot : -ENOSPC;
+}
+
+void WorkerPool::WakeWaiterFor(unsigned int slot) {
+    if (slot < capacity && ordinaryWaiters > 0) {
+        --ordinaryWaiters;
+        PostRetrying(&ordinarySem);
+    } else if (urgentWaiters > 0) {
+        // An urgent slot, or an ordinary one no ordinary caller waits for.
+        --urgentWaiters;
+        PostRetrying(&urgentSem);
+    }
 }
 
 void WorkerPool::FreeSlotAction(unsigned int slot) {
     LOGI("free action slot worker=%u", slot);
     if (slot < maxWorkers) {
         freeSlots[slot / BITS_PER_WORD] |= uint64_t{1} << (slot % BITS_PER_WORD);
+        WakeWaiterFor(slot);
     }
-    PostRetrying(&freeWorkerSem);
 }
 
 void WorkerPool::StopAction() {
     sable::MutexLock lock(workersMutex);
     for (auto& worker : workers) {
-        // The dropped tasks are destroyed by Destroy once poolMutex is released.
-        Worker::TaskQueue dropped = worker->Drain();
-        for (auto& task : dropped) {
-            droppedTasks.push_back(std::move(task));
-        }
+        // Refuses new tasks from now on; those it accepted still run.
         worker->StopRoutine();
     }
 }
@@ -155,6 +179,9 @@ void WorkerPool::FillWorkersTo(int n) {
              maxWorkers);
         return;
     }
+    if (outOfService) {
+        return;  // after Destroy: the slot's caller finds no worker and fails
+    }
     for (int slot = created; slot < n; ++slot) {
         workers.push_back(std::make_unique<Worker>(std::to_string(slot), workerIdlePeriod));
     }
@@ -179,12 +206,13 @@ int WorkerPool::SlotOf(const Worker& worker) {
     return -1;
 }
 
-int WorkerPool::WaitForFreeWorker() {
+int WorkerPool::WaitForFreeWorker(bool urgent) {
+    sem_t* sem = urgent ? &urgentSem : &ordinarySem;
     int oldState = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &oldState);
     int ret;
     do {
-        ret = sem_wait(&freeWorkerSem);
+        ret = sem_wait(sem);
     } while (ret != 0 && errno == EINTR);
     int savedErrno = ret != 0 ? errno : 0;
     pthread_setcancelstate(oldState, nullptr);
@@ -192,20 +220,36 @@ int WorkerPool::WaitForFreeWorker() {
 }
 
 Worker* WorkerPool::GetWorker(unsigned int limit) {
+    const bool urgent = limit > capacity;
     for (;;) {
-        // Counted before the slot is looked for: a Destroy that does not see this caller here
-        // is ordered before its look-up (poolMutex), which then fails with -EACCES.
-        blockedGetters.fetch_add(1);
-        int slot = PickupWorker(limit);
-        if (slot != -ENOSPC) {
-            blockedGetters.fetch_sub(1);
-            // Only "all lent" is worth waiting for; a stopping pool never lends again.
-            return slot >= 0 ? WorkerAt(static_cast<unsigned int>(slot)) : nullptr;
+        int slot;
+        {
+            // Looking and counting oneself as a waiter are one step: a slot given back after
+            // the look finds the waiter counted and posts for it.
+            sable::MutexLock lock(poolMutex);
+            slot = state->GetSlotEvent(*this, limit);
+            if (slot == -ENOSPC) {
+                ++(urgent ? urgentWaiters : ordinaryWaiters);
+            }
         }
-        int ret = WaitForFreeWorker();
-        blockedGetters.fetch_sub(1);
+        if (slot >= 0) {
+            FillWorkersTo(slot + 1);
+            // Null when the workers were taken out of service meanwhile (Destroy).
+            return WorkerAt(static_cast<unsigned int>(slot));
+        }
+        LOGE_R("Find free slot failed: err = %d\n", slot);
+        if (slot != -ENOSPC) {
+            return nullptr;  // only "all lent" is worth waiting for; a stopping pool never lends
+        }
+        int ret = WaitForFreeWorker(urgent);
         if (ret != 0) {
             LOGE("Wait for free worker failed: err = %d\n", ret);
+            // Not woken by a post: no longer counted once the count is taken back.
+            sable::MutexLock lock(poolMutex);
+            uint32_t& waiters = urgent ? urgentWaiters : ordinaryWaiters;
+            if (waiters > 0) {
+                --waiters;
+            }
         }
     }
 }
@@ -369,16 +413,17 @@ void WorkerPool::WaitForBusyWorkers() {
 
 void WorkerPool::Destroy() {
     bindingChanges.fetch_add(1);  // workers go out of service: no binding may be trusted
-    Worker::TaskQueue dropped;
     {
         sable::MutexLock lock(poolMutex);
         state->StopEvent(*this);
-        dropped.swap(droppedTasks);
-    }
-    dropped.clear();
-    // Callers blocked for a free worker would otherwise wait for a slot that is never lent.
-    for (int blocked = blockedGetters.load(); blocked > 0; --blocked) {
-        PostRetrying(&freeWorkerSem);
+        // Callers waiting for a slot would otherwise wait for one that is never lent; woken,
+        // they find the pool stopping.
+        for (; ordinaryWaiters > 0; --ordinaryWaiters) {
+            PostRetrying(&ordinarySem);
+        }
+        for (; urgentWaiters > 0; --urgentWaiters) {
+            PostRetrying(&urgentSem);
+        }
     }
     WaitForBusyWorkers();
 
@@ -389,13 +434,15 @@ void WorkerPool::Destroy() {
             retired.push_back(std::move(worker));
         }
         workers.clear();
+        outOfService = true;
         // Workers retired earlier are joined again: one that ran an earlier Destroy from its
         // own task could not be joined then.
         for (auto& worker : retired) {
             stopping.push_back(worker.get());
         }
     }
-    // Joined with no lock held: a finishing task may still call back into the pool.
+    // Joined with no lock held: a finishing task may still call back into the pool. Each
+    // thread ends once the tasks its worker accepted have run.
     for (Worker* worker : stopping) {
         worker->Stop();
         if (!worker->RunsOnCallingThread()) {

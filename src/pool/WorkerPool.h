@@ -21,13 +21,21 @@ class PoolWorkingState;
 class PoolStoppingState;
 
 // Slots 0 .. capacity-1 serve ordinary requests; the further urgentCapacity slots only urgent
-// ones, so urgent work finds a worker when ordinary work has taken the rest. A slot is lent
+// ones, so urgent work finds a worker when ordinary work has taken the rest. An urgent caller
+// takes a free urgent slot before an ordinary one, leaving the ordinary slots to ordinary
+// callers. Callers that wait for a slot wait by kind: a slot given back wakes a caller that
+// may use it (an ordinary slot an ordinary caller first, else an urgent one; an urgent slot an
+// urgent caller), so no caller waits while a slot it may use is free. A slot is lent
 // anonymously (GetWorker, GetUrgentWorker; given back with FreeWorker(const Worker&)) or under
 // a name (AllocWorker / TryGetNamedWorker, then WorkerOf; given back with FreeWorker(name)).
 // The worker of slot n is named "n" and created when the slot is first lent.
 //
 // Destroy moves the pool to its stopping state for good: every later grant fails with
-// -EACCES. Worker pointers handed out stay valid until the pool itself is destroyed.
+// -EACCES, and the workers refuse new tasks while those they accepted still run. Worker
+// pointers handed out stay valid until the pool itself is destroyed.
+//
+// The pool records, when it is built, the scheduling of the process's ordinary threads
+// (SableCommThread::OrdinarySetting), under which its workers run the tasks of class 0.
 //
 // Thread-safe. Lock order (first to last): CallbackPool's find mutex, poolMutex, namedMutex,
 // workersMutex, then a Worker's own locks. No lock is held while waiting for a free worker.
@@ -42,10 +50,11 @@ class WorkerPool {
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    // Takes the lowest free slot below `limit`: the slot, -ENOSPC when none, -EACCES once the
-    // pool is stopping.
+    // Takes a free slot below `limit` (the lowest; for a limit beyond the ordinary slots the
+    // lowest urgent one first): the slot, -ENOSPC when none, -EACCES once the pool is
+    // stopping.
     int GetFreeSlot(unsigned int limit) EXCLUDES(poolMutex);
-    // Gives a slot back and wakes one waiting GetWorker.
+    // Gives a slot back and wakes one waiting GetWorker that may use it.
     void FreeWorkerSlot(unsigned int slot) EXCLUDES(poolMutex);
     // GetFreeSlot, then makes sure the slot's worker exists: the slot or a negative errno.
     int PickupWorker(unsigned int limit) EXCLUDES(poolMutex, workersMutex);
@@ -53,15 +62,16 @@ class WorkerPool {
     // creates nothing when `n` exceeds the pool.
     void FillWorkersTo(int n) EXCLUDES(workersMutex);
 
-    // Borrows a worker of a slot below `limit`, blocking (no lock held) while all are lent.
-    // Null once the pool is stopping (a caller blocked at that moment is woken).
+    // Borrows a worker of a slot below `limit` (as GetFreeSlot), blocking (no lock held) while
+    // all are lent. Null once the pool is stopping (a caller blocked at that moment is woken).
     Worker* GetWorker(unsigned int limit) EXCLUDES(poolMutex, workersMutex);
     // An ordinary slot.
     Worker* GetWorker() { return GetWorker(capacity); }
     // Any slot, the urgent ones included.
     Worker* GetUrgentWorker() { return GetWorker(maxWorkers); }
-    // Waits for a slot to be given back: 0 or a negative errno. A cancellation point.
-    int WaitForFreeWorker();
+    // Waits until a slot that an urgent (or an ordinary) caller may use is given back to this
+    // caller, which the pool counted as waiting: 0 or a negative errno. A cancellation point.
+    int WaitForFreeWorker(bool urgent);
 
     // Lends an ordinary slot under `name` without waiting: 0 or the error. When the name is
     // already bound it keeps its worker and the new slot is given back.
@@ -99,9 +109,10 @@ class WorkerPool {
     // stay bound), so that a stopping pool need not wait for idle lent workers.
     bool HasBusyWorker() EXCLUDES(poolMutex, workersMutex);
 
-    // Refuses every later grant, stops the workers (queued tasks are dropped), waits only
-    // while some worker still runs a task, then stops and joins all worker threads. Called
-    // from a worker's own task it does not wait for that task.
+    // Refuses every later grant, stops the workers (they refuse new tasks and run the ones
+    // already queued), waits only while some worker still runs a task, then joins all worker
+    // threads once their queues are done. Called from a worker's own task it does not wait
+    // for that task.
     void Destroy() EXCLUDES(poolMutex, namedMutex, workersMutex);
 
   private:
@@ -117,6 +128,10 @@ class WorkerPool {
 
     // Actions of the state objects.
     int GetSlotAction(unsigned int limit) REQUIRES(poolMutex);
+    // The lowest free slot in [from, to) taken, or -1.
+    int TakeSlotIn(unsigned int from, unsigned int to) REQUIRES(poolMutex);
+    // Wakes one waiting caller of the kind that `slot` serves first.
+    void WakeWaiterFor(unsigned int slot) REQUIRES(poolMutex);
     void FreeSlotAction(unsigned int slot) REQUIRES(poolMutex);
     void StopAction() REQUIRES(poolMutex) EXCLUDES(workersMutex);
     void ReadyToDestroyAction() REQUIRES(poolMutex);
@@ -140,19 +155,22 @@ class WorkerPool {
     sable::Mutex workersMutex ACQUIRED_AFTER(namedMutex);
     // One bit per slot, 1 = free.
     std::vector<uint64_t> freeSlots GUARDED_BY(poolMutex);
-    sem_t freeWorkerSem;
+    // Callers waiting for a slot, by kind, each counted until a post is made for it; a post
+    // is kept by its semaphore, so a wake-up made before the caller sleeps is not lost.
+    sem_t ordinarySem;
+    sem_t urgentSem;
+    uint32_t ordinaryWaiters GUARDED_BY(poolMutex) = 0;
+    uint32_t urgentWaiters GUARDED_BY(poolMutex) = 0;
     const WorkerPoolState* state GUARDED_BY(poolMutex);
     // Guards the state and the bitmap. First of the pool's locks.
     sable::Mutex poolMutex;
     sem_t destroySem;
 
     const std::chrono::milliseconds workerIdlePeriod;
-    // Callers blocked in GetWorker, woken when the pool starts stopping.
-    std::atomic<int> blockedGetters{0};
     // Workers taken out of service by Destroy; kept so that pointers handed out stay valid.
     std::vector<std::unique_ptr<Worker>> retired GUARDED_BY(workersMutex);
-    // Tasks dropped by StopAction, destroyed once poolMutex is released.
-    Worker::TaskQueue droppedTasks GUARDED_BY(poolMutex);
+    // Set by Destroy once the workers are retired: no worker is created any more.
+    bool outOfService GUARDED_BY(workersMutex) = false;
 };
 
 #endif

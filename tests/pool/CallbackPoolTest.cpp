@@ -2,6 +2,11 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include "LogCapture.h"
 #include "PoolTestUtil.h"
 #include "pool/CallbackPool.h"
@@ -79,12 +84,17 @@ TEST(CallbackPool, BorrowedWorkersComeBackAndRefusedDropsKeepNoSlot) {
     EXPECT_EQ(pools.workers->WorkerOf("3"), nullptr);
     const auto badPrio = static_cast<SabloPriority>(3);
     EXPECT_EQ(pools.callbacks.DropAsyncTask([&] { ++ran; }, badPrio), -EINVAL);
+    EXPECT_TRUE(cap.Contains("No such SabloPriority, input is 3\n"));
     EXPECT_TRUE(cap.Contains("Set worker attribute failed, ret = -22\n"));
-    // The failed switch gave the borrowed slot back, so a name can take it.
+    // Refused before a worker is bound: the slot is still free for a name.
     EXPECT_EQ(pools.callbacks.DropTo(
                   "5", [&] { ++ran; }, badPrio),
               -EINVAL);
-    EXPECT_NE(pools.workers->WorkerOf("5"), nullptr);
+    EXPECT_EQ(pools.workers->WorkerOf("5"), nullptr);
+    EXPECT_EQ(pools.callbacks.DropTo(
+                  "5", [&] { ++ran; }, SABLO_PRIORITY_DEFAULT),
+              0);
+    EXPECT_TRUE(WaitUntil([&] { return ran == 21; }, WAIT_MS));
 
     // No slot left for another name: refused at once, the callback not kept.
     auto capture = std::make_shared<int>(0);
@@ -94,10 +104,10 @@ TEST(CallbackPool, BorrowedWorkersComeBackAndRefusedDropsKeepNoSlot) {
               -ENOSPC);
     capture.reset();
     EXPECT_TRUE(watch.expired()) << "the refused callback is not held anywhere";
-    EXPECT_EQ(ran, 20);
+    EXPECT_EQ(ran, 21);
 }
 
-TEST(CallbackPool, DestroyWaitsForRunningCallbacksDropsQueuedOnesAndRefusesLaterDrops) {
+TEST(CallbackPool, DestroyWaitsForRunningCallbacksRunsQueuedOnesAndRefusesLaterDrops) {
     pool_test::Gate gate;  // first: destroyed after every thread that may wait on it
     Pools pools(2, 1);
     std::atomic<int> started{0};
@@ -121,11 +131,16 @@ TEST(CallbackPool, DestroyWaitsForRunningCallbacksDropsQueuedOnesAndRefusesLater
     ASSERT_TRUE(WaitUntil([&] { return started == 2; }, WAIT_MS));
 
     auto destroyed = std::async(std::launch::async, [&] { pools.callbacks.Destroy(); });
-    EXPECT_TRUE(WaitUntil([&] { return named->WaitingTasks() == 0; }, WAIT_MS));
     EXPECT_TRUE(pool_test::StillBlocked(destroyed)) << "Destroy must wait for running callbacks";
+    EXPECT_EQ(named->WaitingTasks(), 3u) << "accepted callbacks are kept";
+    EXPECT_EQ(pools.callbacks.DropTo(
+                  "9", [&] { ++late; }, SABLO_PRIORITY_DEFAULT),
+              -EACCES)
+        << "a stopping worker refuses what it could not run";
     gate.Open();
     ASSERT_TRUE(pool_test::Ends(destroyed));
     EXPECT_EQ(finished, 2);
+    EXPECT_EQ(late, 3) << "every callback accepted before Destroy has run";
 
     LogCapture cap;
     EXPECT_EQ(pools.callbacks.DropAsyncTask([&] { ++late; }, SABLO_PRIORITY_NORMAL), -EACCES);
@@ -136,7 +151,7 @@ TEST(CallbackPool, DestroyWaitsForRunningCallbacksDropsQueuedOnesAndRefusesLater
     EXPECT_EQ(pools.callbacks.DropTo(
                   "new", [&] { ++late; }, SABLO_PRIORITY_NORMAL),
               -EACCES);
-    EXPECT_EQ(late, 0);
+    EXPECT_EQ(late, 3);
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 }
 
@@ -156,24 +171,46 @@ TEST(CallbackPool, DestroyFromInsideACallbackDoesNotHang) {
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 }
 
-TEST(CallbackPool, RealtimeCallbacksRunSchedFifo50AndPriorityZeroLeavesTheClass) {
-    if (!pool_test::CanUseFifo()) GTEST_SKIP() << "this process may not use SCHED_FIFO";
-    Pools pools(2, 1);
-    // Drops a probe (to "4", or to any worker for ""); the class is switched when a callback
-    // is dropped, and each probe has run before the next drop.
-    auto drop = [&](const char* name, SabloPriority prio) {
-        return pool_test::SeenBy([&](std::function<void()> probe) {
-            return *name ? pools.callbacks.DropTo(name, probe, prio)
-                         : pools.callbacks.DropAsyncTask(probe, prio);
-        });
-    };
-    pool_test::Seen seen = drop("", SABLO_PRIORITY_REALTIME);
-    EXPECT_EQ(seen.policy, SCHED_FIFO);
-    EXPECT_EQ(seen.priority, 50);
-    EXPECT_EQ(pools.callbacks.NumUrgentWorkers(), 1u);
-    seen = drop("4", SABLO_PRIORITY_REALTIME);
-    EXPECT_EQ(seen.policy, SCHED_FIFO);
-    EXPECT_EQ(seen.priority, 50);
-    EXPECT_EQ(drop("4", SABLO_PRIORITY_DEFAULT).policy, SCHED_FIFO) << "0 leaves the class";
-    EXPECT_EQ(drop("4", SABLO_PRIORITY_NORMAL).policy, SCHED_OTHER);
+
+// Threads drop callbacks (on borrowed workers and on names of their own) while the pool is
+// destroyed: every drop either returned an error or its callback ran.
+TEST(CallbackPool, DropsRacingDestroyEitherRunOrFail) {
+    for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE(round);
+        // Four names bound for good, and slots left for borrowing.
+        Pools pools(6, 1);
+        std::atomic<int> accepted{0};
+        std::atomic<int> ran{0};
+        std::atomic<int> refused{0};
+        std::atomic<bool> go{false};
+        std::vector<std::future<void>> droppers;
+        for (int i = 0; i < 4; ++i) {
+            droppers.push_back(std::async(std::launch::async, [&, i] {
+                while (!go.load()) std::this_thread::yield();
+                const std::string name = "d" + std::to_string(i);
+                for (int n = 0; n < 2000; ++n) {
+                    const SabloPriority prio = n % 3 == 0 ? SABLO_PRIORITY_REALTIME
+                                                          : SABLO_PRIORITY_DEFAULT;
+                    int ret = (n + i) % 2 == 0 ? pools.callbacks.DropTo(
+                                                     name, [&] { ++ran; }, prio)
+                                               : pools.callbacks.DropAsyncTask([&] { ++ran; },
+                                                                               prio);
+                    if (ret == 0) {
+                        ++accepted;
+                    } else if (++refused > 0 && pools.workers->GetFreeSlot(0) == -EACCES) {
+                        return;  // the pool is going: nothing more will be accepted
+                    }
+                }
+            }));
+        }
+        go = true;
+        ASSERT_TRUE(WaitUntil([&] { return accepted > 10 * (round % 5); }, WAIT_MS));
+        pools.callbacks.Destroy();
+        for (auto& dropper : droppers) {
+            ASSERT_TRUE(pool_test::Ends(dropper));
+        }
+        EXPECT_TRUE(WaitUntil([&] { return ran == accepted; }, WAIT_MS));
+        EXPECT_EQ(ran.load(), accepted.load()) << "accepted callbacks were lost";
+    }
+    EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
 }

@@ -71,6 +71,7 @@ struct Seen {
     int policy = -1;
     int priority = -1;
     std::string name;
+    pid_t tid = -1;  // filled for the calling thread only
 };
 
 inline Seen SeenOf(pthread_t thread) {
@@ -87,7 +88,11 @@ inline Seen SeenOf(pthread_t thread) {
 inline Seen SeenBy(const std::function<int(std::function<void()>)>& drop) {
     auto seen = std::make_shared<std::promise<Seen>>();
     std::future<Seen> result = seen->get_future();
-    if (drop([seen] { seen->set_value(SeenOf(pthread_self())); }) != 0 ||
+    if (drop([seen] {
+            Seen s = SeenOf(pthread_self());
+            s.tid = gettid();
+            seen->set_value(s);
+        }) != 0 ||
         result.wait_for(std::chrono::milliseconds(WAIT_MS)) != std::future_status::ready) {
         return {};
     }

@@ -15,7 +15,7 @@ using sable_test::WaitUntil;
 // Long enough for a started thread to be seen before it idles out.
 constexpr std::chrono::milliseconds SHORT_IDLE{200};
 
-TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusyAndStopDropsTheQueue) {
+TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusyAndAStoppedWorkerRunsWhatItAccepted) {
     Gate gate;  // first: destroyed after every thread that may wait on it
     Worker worker("full");
     ASSERT_TRUE(worker.Start());
@@ -36,12 +36,17 @@ TEST(Worker, ThousandAndFirstQueuedTaskIsRefusedWithBusyAndStopDropsTheQueue) {
     EXPECT_TRUE(cap.Contains("Tasks exceeds worker's capacity(1000)\n"));
 
     worker.Stop();
-    EXPECT_EQ(worker.WaitingTasks(), 0u);
-    EXPECT_TRUE(watch.expired()) << "dropped tasks are released at once";
+    EXPECT_EQ(worker.WaitingTasks(), 1000u) << "accepted tasks are kept";
+    EXPECT_EQ(worker.Assign(refused), -EACCES) << "a stopped worker takes nothing more";
+    EXPECT_NE(refused, nullptr);
     gate.Open();
     worker.ThreadJoin();
-    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(ran, 1000);
+    EXPECT_TRUE(watch.expired()) << "the tasks are released once run";
     EXPECT_TRUE(pool_test::NoWorkerThreadLeft());
+
+    Worker never("never");
+    EXPECT_EQ(Post(never, [&ran] { ++ran; }), -EACCES) << "nothing would run it";
 }
 
 TEST(Worker, IdleThreadEndsAndTheNextAssignRestartsIt) {
