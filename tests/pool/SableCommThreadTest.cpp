@@ -25,11 +25,12 @@ class ParkedThread {
     }
     SableCommThread thread;
 
-  private:
     void Routine() {
         handle = pthread_self();
         gate.Wait();
     }
+
+  private:
     pool_test::Gate gate;
     std::atomic<pthread_t> handle{};
 };
@@ -74,6 +75,24 @@ TEST(SableCommThread, RealtimeRunsFifo50AndTheStoredClassMakesNoSystemCall) {
     ASSERT_EQ(pthread_setschedparam(handle, SCHED_FIFO, &fifo), 0);
     EXPECT_EQ(parked.thread.SetRTType(SABLO_PRIORITY_NORMAL), 0);
     EXPECT_EQ(SeenOf(handle).policy, SCHED_FIFO);
+}
+
+TEST(SableCommThread, AThreadCreatedByARealtimeThreadStartsOrdinaryOnTheStackAskedFor) {
+    if (!pool_test::CanUseFifo()) GTEST_SKIP() << "this process may not use SCHED_FIFO";
+    ParkedThread parked;
+    std::thread([&] {
+        ASSERT_EQ(pool_test::SetSelf(SCHED_FIFO, 50), 0);
+        parked.thread.Create(&ParkedThread::Routine, &parked, 256 * 1024);
+    }).join();
+    pthread_t handle = parked.Handle();
+    EXPECT_EQ(SeenOf(handle).policy, SCHED_OTHER) << "not inherited from its creator";
+    EXPECT_EQ(parked.thread.GetRTType(), SABLO_PRIORITY_NORMAL);
+    pthread_attr_t attr;
+    ASSERT_EQ(pthread_getattr_np(handle, &attr), 0);
+    size_t size = 0;
+    pthread_attr_getstacksize(&attr, &size);
+    pthread_attr_destroy(&attr);
+    EXPECT_EQ(size, 256u * 1024);
 }
 
 TEST(SableCommThread, RefusedRealtimeSwitchIsLoggedAndReturnsZeroWithClassUnchanged) {
