@@ -165,8 +165,16 @@ void Worker::ThreadJoin() {
     if (!thread.Joinable()) {
         return;
     }
+    if (thread.IsCallingThread()) {
+        LOGE("Join worker failed\n");
+        return;
+    }
+    // Joined outside startMutex: a thread ending idle at this moment takes it to let go of
+    // itself, and would otherwise wait for this join while this join waits for it.
+    SableCommThread::Ended taken = thread.Take();
+    lock.Unlock();
     try {
-        thread.Join();
+        SableCommThread::JoinTaken(taken);
     } catch (const std::system_error&) {
         LOGE("Join worker failed\n");
     }

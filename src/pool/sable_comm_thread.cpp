@@ -163,6 +163,22 @@ SableCommThread::EndedList SableCommThread::Release() {
     return earlier;
 }
 
+SableCommThread::Ended SableCommThread::Take() {
+    Ended taken{handle, stack, stackBytes, true};
+    held = false;
+    stack = nullptr;
+    stackBytes = 0;
+    return taken;
+}
+
+void SableCommThread::JoinTaken(const Ended& thread) {
+    int ret = pthread_join(thread.handle, nullptr);
+    if (ret != 0) {
+        throw std::system_error(ret, std::generic_category(), "pthread_join");
+    }
+    UnmapStack(thread.stack, thread.stackBytes);
+}
+
 void SableCommThread::JoinEnded(EndedList& list) {
     EndedList running;
     for (const Ended& thread : list) {

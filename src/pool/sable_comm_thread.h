@@ -86,6 +86,13 @@ class SableCommThread {
     // Joins the threads that Release returned (each of them has ended or is ending) and unmaps
     // their stacks; one still running that was not handed over by Release is kept for later.
     static void JoinEnded(EndedList& list);
+    // Lets go of the held thread for the caller to join with JoinTaken, so that the owner need
+    // not hold its lock while waiting for the thread (which may want that lock on its way
+    // out). Must not be called from the held thread itself.
+    Ended Take();
+    // Joins a thread returned by Take and unmaps its stack; throws std::system_error when the
+    // join fails.
+    static void JoinTaken(const Ended& thread);
     // Joins every thread let go of that has already ended, and unmaps their stacks. Never
     // waits for a thread; may be called under any lock.
     static void ReapEnded();

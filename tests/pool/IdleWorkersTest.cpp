@@ -52,6 +52,7 @@ long RunAndIdleOut() {
 TEST(IdleWorkers, ThousandAndFortyFourIdledOutWorkersLeaveAlmostNothingMapped) {
     // The first run also sets up what stays for good (the C library's per-thread malloc
     // arenas, up to eight per CPU): the second starts from there.
+    const long before = VmSizeKb();
     RunAndIdleOut();
     const long start = VmSizeKb();
     const long peak = RunAndIdleOut();
@@ -59,8 +60,9 @@ TEST(IdleWorkers, ThousandAndFortyFourIdledOutWorkersLeaveAlmostNothingMapped) {
     RecordProperty("VmSizeStartKb", std::to_string(start));
     RecordProperty("VmSizePeakKb", std::to_string(peak));
     RecordProperty("VmSizeEndKb", std::to_string(end));
-    std::printf("VmSize: start %ld KiB, all workers running %ld KiB, idled out %ld KiB\n", start,
-                peak, end);
+    std::printf("VmSize: before the first run %ld KiB; second run: start %ld KiB, all workers "
+                "running %ld KiB, idled out %ld KiB\n",
+                before, start, peak, end);
     if (kSanitized) return;  // the sanitizers' own per-thread mappings come and go on their own
     EXPECT_LE(end - start, 8L * 1024) << "stacks of idled-out workers stay mapped";
 }
