@@ -314,11 +314,10 @@ namespace {
 
 // Makes the temporary FIFO of `base` in `dirFd` and gives it its mode, group and label through
 // its own descriptor, so that a link or file swapped in under the temporary name is never
-// touched. Returns 0 with the temporary name and the file's identity, or -errno (logged; no
+// touched. Returns 0 with the temporary name, or -errno (logged; no
 // temporary name left behind).
 int MakeTempFifo(int dirFd, const std::string& dir, const std::string& base, unsigned int gid,
-                 int pid, SabloDomain domain, const std::string& targetCon, std::string& tmpBase,
-                 struct stat& made) {
+                 int pid, SabloDomain domain, const std::string& targetCon, std::string& tmpBase) {
     const std::string path = dir + base;
     for (;;) {
         if (!TempNameFor(base, tmpBase)) {
@@ -342,6 +341,7 @@ int MakeTempFifo(int dirFd, const std::string& dir, const std::string& base, uns
     // descriptor for a reader of the final name.
     sable::UniqueFd fd(
         openat(dirFd, tmpBase.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    struct stat made {};
     if (!fd.Valid() || fstat(fd.Get(), &made) != 0 || !S_ISFIFO(made.st_mode)) {
         int ret = fd.Valid() ? -EACCES : -errno;
         unlinkat(dirFd, tmpBase.c_str(), 0);
@@ -387,8 +387,7 @@ int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain d
     }
 
     std::string tmpBase;
-    struct stat made {};
-    int ret = MakeTempFifo(dirFd.Get(), dir, base, gid, pid, domain, targetCon, tmpBase, made);
+    int ret = MakeTempFifo(dirFd.Get(), dir, base, gid, pid, domain, targetCon, tmpBase);
     if (ret != 0) {
         return ret;
     }
@@ -397,16 +396,7 @@ int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain d
     int result = 0;
     if (linkat(dirFd.Get(), tmpBase.c_str(), dirFd.Get(), base.c_str(), 0) == 0) {
         unlinkat(dirFd.Get(), tmpBase.c_str(), 0);
-        // What was published must be the file made above: something swapped in under the
-        // temporary name meanwhile is not ours to publish.
-        struct stat published {};
-        if (fstatat(dirFd.Get(), base.c_str(), &published, AT_SYMLINK_NOFOLLOW) != 0 ||
-            published.st_ino != made.st_ino || published.st_dev != made.st_dev) {
-            result = -EACCES;
-            LOGE("Link fifo %s to %s failed, ret=%d.\n", tmp.c_str(), path.c_str(), result);
-        } else {
-            LOGI("Create fifo success, file name=%s.\n", path.c_str());
-        }
+        LOGI("Create fifo success, file name=%s.\n", path.c_str());
     } else {
         int savedErrno = errno;
         unlinkat(dirFd.Get(), tmpBase.c_str(), 0);

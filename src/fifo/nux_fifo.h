@@ -49,8 +49,7 @@ int RemoveFdFromEpoll(int epollFd, int fd);
 // symbolic link; otherwise the errno of mkfifo, chmod or link. No temporary file is left behind.
 // Nothing outside the FIFO's directory is ever touched: the directory must be a real one (a
 // link there fails with -ELOOP or -ENOTDIR), every name is resolved relative to it without
-// following a link, mode, group and label go through the descriptor of the FIFO made here, and
-// the publication is checked to have published that very file (-EACCES otherwise).
+// following a link, and mode, group and label go through the descriptor of the FIFO made here.
 int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain domain,
                const std::string& targetCon);
 
