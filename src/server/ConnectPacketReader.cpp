@@ -1,7 +1,6 @@
 #include "server/ConnectPacketReader.h"
 
 #include <errno.h>
-#include <time.h>
 
 #include <cstring>
 #include <new>
@@ -11,12 +10,6 @@
 #include "server/PipeServerMessage.h"
 
 namespace {
-
-int64_t MonotonicNs() {
-    struct timespec ts {};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
 
 template <typename T>
 int32_t RecvField(MagicReceiver& rx, T& field) {
@@ -31,21 +24,6 @@ ConnectPacketReader::ConnectPacketReader() {
 
 void ConnectPacketReader::Reset() {
     begin = end = packetStart = 0;
-    deadlineSet = false;
-}
-
-int ConnectPacketReader::WaitMs() {
-    if (begin == packetStart) {
-        return -1;  // between packets: wait for the next one as long as it takes
-    }
-    // Computed when first needed: a whole packet is taken without reading the clock.
-    const int64_t now = MonotonicNs();
-    if (!deadlineSet) {
-        deadlineSet = true;
-        deadlineNs = now + static_cast<int64_t>(PACKET_WAIT_MS) * 1000000;
-    }
-    const int64_t left = deadlineNs - now;
-    return left <= 0 ? 0 : static_cast<int>((left + 999999) / 1000000);
 }
 
 int32_t ConnectPacketReader::Recv(void* buf, size_t len) {
@@ -61,12 +39,8 @@ int32_t ConnectPacketReader::Recv(void* buf, size_t len) {
             begin -= packetStart;
             packetStart = 0;
         }
-        const int waitMs = WaitMs();
-        if (waitMs == 0) {
-            filled = -ETIMEDOUT;
-            break;
-        }
-        filled = Fill(buffer + end, CAPACITY - end, waitMs);
+        // Between packets wait as long as it takes; inside one the rest is there or never comes.
+        filled = Fill(buffer + end, CAPACITY - end, begin == packetStart ? -1 : 0);
         if (filled <= 0) {
             break;
         }
@@ -90,7 +64,6 @@ void ConnectPacketReader::Resync() {
 ConnectPacketReader::Result ConnectPacketReader::Next(Packet& out) {
     for (;;) {
         packetStart = begin;
-        deadlineSet = false;
         MagicResult magic = RecvMagic();
         if (magic == MAGIC_PEER_CLOSED) {
             LOGI("Read unfinished\n");
@@ -145,6 +118,9 @@ ConnectPacketReader::Result ConnectPacketReader::Next(Packet& out) {
             continue;
         }
         ret = Recv(name.get(), nameSize);
+        if (ret == static_cast<int32_t>(nameSize) && strnlen(name.get(), nameSize) != nameSize) {
+            ret = static_cast<int32_t>(strnlen(name.get(), nameSize));  // a NUL inside the name
+        }
         if (ret != static_cast<int32_t>(nameSize)) {
             LOGE_R(
                 "Read connect packet data failed, ret=%d, clientName=%s,required size=%u "

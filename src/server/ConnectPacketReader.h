@@ -20,14 +20,17 @@
 //   field that never came) reading starts again at the byte after that packet's first byte, not
 //   after the bytes it swallowed: a packet that follows a stray byte, a partial packet or a
 //   connect packet without a name is found and served.
-// - Deadline: every packet travels in one atomic write, so once its first byte has been taken
-//   the rest is already there; the reader waits at most PACKET_WAIT_MS for it. A packet still
-//   incomplete then is malformed (its field's line with the short count, or -ETIMEDOUT).
+// - No waiting inside a packet: every packet travels in one atomic write, so once its first
+//   byte is in the FIFO the rest is too. A packet whose rest is not there when it is read is
+//   incomplete: its field's line with the short count (or -ETIMEDOUT when nothing was there).
+//   So a partial packet costs nothing but itself, except for a packet that was already waiting
+//   in the FIFO right behind it when it was read.
+// - A name with a NUL byte in it is malformed (a partial packet that took the start of the next
+//   packet, whose type word is zero, for the rest of its name).
 // The error lines are restrained (one per call site and thread per 600 s), so that garbage
 // cannot flood the log. Not thread-safe: one reader thread.
 class ConnectPacketReader : public MagicReceiver {
   public:
-    static constexpr int PACKET_WAIT_MS = 100;
     // Longest client name the reader takes (a writer may send up to 254 bytes).
     static constexpr uint32_t MAX_READ_NAME = 110;
 
@@ -47,7 +50,7 @@ class ConnectPacketReader : public MagicReceiver {
     Result Next(Packet& out);
 
     // Serves `len` bytes from the buffer, filling it as needed: the count (short only when the
-    // source ran dry or, inside a packet, its deadline passed), 0 at the end of the source, or
+    // source ran dry or, inside a packet, has no more), 0 at the end of the source, or
     // the negative errno of Fill when nothing could be served.
     int32_t Recv(void* buf, size_t len) override;
 
@@ -57,8 +60,8 @@ class ConnectPacketReader : public MagicReceiver {
   protected:
     // Appends at most `room` bytes of the source at `dst` and returns their count, 0 when the
     // source has ended (nothing more will come), or a negative errno. `waitMs` is how long it may
-    // wait for bytes: -1 without limit (between packets), else the rest of the packet's deadline
-    // (then -ETIMEDOUT when nothing came).
+    // wait for bytes: -1 without limit (between packets), 0 not at all (inside a packet: then
+    // -ETIMEDOUT when nothing is there).
     virtual ssize_t Fill(uint8_t* dst, size_t room, int waitMs) = 0;
     // Names the source in the lines.
     virtual const char* SourceName() const = 0;
@@ -68,14 +71,11 @@ class ConnectPacketReader : public MagicReceiver {
 
     // Starts the next attempt one byte after the failed packet's first byte.
     void Resync();
-    int WaitMs();
 
     uint8_t buffer[CAPACITY];
     size_t begin = 0;
     size_t end = 0;
     size_t packetStart = 0;  // where the packet being read began
-    bool deadlineSet = false;
-    int64_t deadlineNs = 0;  // monotonic
 };
 
 #endif

@@ -22,8 +22,8 @@
 // never depends on what the FIFO holds or on room in it). A terminate packet read while no stop
 // was asked for came from elsewhere: it is logged at error level and ignored. Malformed packets
 // are skipped as ConnectPacketReader says. So Close (and SabloCfgFinishServer, and the exit of
-// the process) returns as soon as the thread has finished the client it may be serving: within
-// a connect callback's run plus ConnectPacketReader::PACKET_WAIT_MS at most.
+// the process) returns as soon as the thread has finished the client it may be serving (opening
+// its pipe does not wait for the client; the connect callback is the application's).
 class PipeServer : public ConnectPacketReader {
   public:
     // Open time-out of a pipe back to a client (outside the long run mode).
