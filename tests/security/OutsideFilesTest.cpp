@@ -187,10 +187,8 @@ TEST(OutsideFiles, ALinkSwappedInUnderTheTemporaryNameIsNeverChangedThrough) {
             if (d != nullptr) closedir(d);
         }
     });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (int round = 0; round < 3000 && swaps.load() < 20 &&
-                        std::chrono::steady_clock::now() < deadline;
-         ++round) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    for (int round = 0; round < 3000 && std::chrono::steady_clock::now() < deadline; ++round) {
         CreateFifo(path, getgid() + 4242, -1, SABLO_DOMAIN_NONE, "");
     }
     stop = true;
