@@ -314,8 +314,8 @@ namespace {
 
 // Makes the temporary FIFO of `base` in `dirFd` and gives it its mode, group and label through
 // its own descriptor, so that a link or file swapped in under the temporary name is never
-// touched. Returns 0 with the temporary name, or -errno (logged; no
-// temporary name left behind).
+// touched. Returns 0 with the temporary name, or -errno (logged; no temporary name left
+// behind).
 int MakeTempFifo(int dirFd, const std::string& dir, const std::string& base, unsigned int gid,
                  int pid, SabloDomain domain, const std::string& targetCon, std::string& tmpBase) {
     const std::string path = dir + base;
@@ -341,8 +341,11 @@ int MakeTempFifo(int dirFd, const std::string& dir, const std::string& base, uns
     // descriptor for a reader of the final name.
     sable::UniqueFd fd(
         openat(dirFd, tmpBase.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    // What was opened must be the FIFO just made: this process's, and not a hard link to
+    // someone else's file.
     struct stat made {};
-    if (!fd.Valid() || fstat(fd.Get(), &made) != 0 || !S_ISFIFO(made.st_mode)) {
+    if (!fd.Valid() || fstat(fd.Get(), &made) != 0 || !S_ISFIFO(made.st_mode) ||
+        made.st_nlink != 1 || made.st_uid != geteuid()) {
         int ret = fd.Valid() ? -EACCES : -errno;
         unlinkat(dirFd, tmpBase.c_str(), 0);
         LOGE("Make fifo %s failed, ret=%d.\n", tmp.c_str(), ret);

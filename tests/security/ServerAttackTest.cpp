@@ -174,6 +174,19 @@ TEST_P(ServerAttack, IsFollowedByAClientThatConnectsAndAFinishWithinTheBound) {
 
 INSTANTIATE_TEST_SUITE_P(Attacks, ServerAttack, ::testing::Range(0, 4));
 
+// A process whose server FIFO holds bytes that once swallowed the server's stop still exits.
+TEST(ServerAttackExit, AProcessExitsWhateverItsServerFifoHolds) {
+    for (const char* what : {"byte", "empty"}) {
+        const std::string name = UniqueName("srv") + "x";
+        {
+            ChildProcess child("sable_peer", {"server-wedged", name, what});
+            EXPECT_EQ(child.ReadLine(), "server 0") << what;
+            EXPECT_EQ(child.Wait(10000), 0) << "the exit hangs after " << what;
+        }
+        unlink((sable_test::EnsureFifoDir() + name).c_str());
+    }
+}
+
 // A connect packet whose name would lead through a directory link planted in the FIFO
 // directory is refused with the check's line; nothing is created outside, the server serves on.
 TEST(ServerAttackName, ASlashNameInAConnectPacketIsRefused) {
