@@ -41,9 +41,10 @@ class PipeServer : public ConnectPacketReader {
     // the FIFO's lock (-EWOULDBLOCK) and leaves the first one serving. From the server's own
     // connect callback after it closed the server: -EBUSY (its thread is still the caller's).
     int Init(const SabloServerAttr& attr);
-    // Stops the thread through a terminate packet on its own FIFO and releases the lock and
-    // descriptors; the FIFO file stays. Blocks until the thread has ended, except when called
-    // from the server's own connect callback: the thread then ends when the callback returns.
+    // Stops the thread (stop flag, terminate packet on its own FIFO, eventfd wake-up) and
+    // releases the lock and descriptors; the FIFO file stays. Blocks until the thread has ended
+    // (it ends at once unless it is serving a client), except when called from the server's own
+    // connect callback: the thread then ends when the callback returns.
     void Close();
     // Signal context: removes the server FIFO file.
     void ExceptionHandler();
