@@ -3,6 +3,7 @@
 set -euo pipefail
 pkgs=(cmake g++ clang make pkg-config libselinux1-dev libsafec-dev libgtest-dev libgmock-dev
       libbenchmark-dev)
+pkgs+=(libclang-rt-14-dev)  # libFuzzer's runtime, for scripts/fuzz.sh
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -16,9 +16,11 @@ constexpr size_t kNameMax = 100;
 constexpr size_t kNameProbe = kNameMax + 1;  // measures one past the limit to report excess
 
 // The two-character entries add nothing over their one-character prefixes; the list is kept
-// whole so that it reads as the set of refused sequences.
-constexpr std::string_view kBlackList[] = {"|",  ";", ">", "<", ">>", "`", "||",
-                                           "&&", "&", "(", ")", "$",  ".."};
+// whole so that it reads as the set of refused sequences. "/" comes last: a name is one entry of
+// the FIFO directory, and a slash would let a name (or a peer's connect packet) reach through a
+// directory or link planted there to files outside it.
+constexpr std::string_view kBlackList[] = {"|", ";", ">", "<", ">>", "`", "||",
+                                           "&&", "&", "(", ")", "$", "..", "/"};
 
 }  // namespace
 

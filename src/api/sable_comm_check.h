@@ -5,7 +5,7 @@
 #include "sable_comm.h"
 
 // true when `name` contains a sequence that could leave the FIFO directory or carry shell
-// syntax ("|", ";", ">", "<", "`", "&", "(", ")", "$", ".."). `name` must not be NULL.
+// syntax ("|", ";", ">", "<", "`", "&", "(", ")", "$", "..", "/"). `name` must not be NULL.
 bool BlackListCheck(const char* name);
 
 // `selfName` (or, when NULL, the process name) must be 1 to 100 characters and pass the

@@ -10,7 +10,7 @@
 
 #include <cstring>
 
-#include "api/nux_check.h"
+#include "base/UniqueFd.h"
 #include "api/sable_comm_internal.h"
 #include "base/safe_c.h"
 #include "env/EnvManager.h"
@@ -41,7 +41,8 @@ bool TempNameFor(const std::string& path, std::string& tmp) {
     return true;
 }
 
-void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targetCon) {
+void LabelSingleDomain(const std::string& tmp, const char* target, int pid,
+                       const std::string& targetCon) {
     LOGI("nux_fifo: single domain restore context.\n");
     LOGI(
         "[single domain] resorecon, access contexts for %s, curHostName is %d, pid is %d, "
@@ -74,7 +75,7 @@ void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targe
                  pid);
             return;
         }
-        ret = AuthSetFileCon(tmp.c_str(), pipeContext);
+        ret = AuthSetFileCon(target, pipeContext);
         if (ret != 0) {
             LOGE("[single domain] The ret of restorecon for file %s is %d, pipeContext is %s\n",
                  tmp.c_str(), ret, pipeContext);
@@ -82,14 +83,15 @@ void LabelSingleDomain(const std::string& tmp, int pid, const std::string& targe
         AuthFreeCon(pipeContext);
         return;
     }
-    int ret = AuthSetFileCon(tmp.c_str(), targetCon.c_str());
+    int ret = AuthSetFileCon(target, targetCon.c_str());
     if (ret != 0) {
         LOGE("[single domain] The ret of restorecon for file %s is %d, targetCon is %s\n",
              tmp.c_str(), ret, targetCon.c_str());
     }
 }
 
-void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::string& targetCon) {
+void LabelCrossDomain(const std::string& tmp, const char* target, SabloDomain domain,
+                      const std::string& targetCon) {
     int host = EnvManager::HostName();
     LOGI("nux_fifo: cross domain restore context.\n");
     LOGI(
@@ -111,7 +113,7 @@ void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::str
     }
     if (host == SABLO_DOMAIN_ELM) {
         // The Elm host's policy speaks full contexts already.
-        int ret = AuthSelinuxSetFileCon(tmp.c_str(), targetCon.c_str());
+        int ret = AuthSelinuxSetFileCon(target, targetCon.c_str());
         if (ret != 0) {
             LOGE(
                 "[cross domain] The ret of restorecon for file %s is %d. domain is %d, "
@@ -128,7 +130,7 @@ void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::str
         return;
     }
     LOGI("[cross domain] targetCon convert result is %s", converted);
-    ret = AuthSelinuxSetFileCon(tmp.c_str(), converted);
+    ret = AuthSelinuxSetFileCon(target, converted);
     if (ret != 0) {
         LOGE(
             "[cross domain] The ret of restorecon for file %s is %d. curHostName is %d, "
@@ -138,19 +140,57 @@ void LabelCrossDomain(const std::string& tmp, SabloDomain domain, const std::str
     AuthProxyFree(converted);
 }
 
-// Never fails the creation: an unlabelled FIFO is still usable by peers of this domain.
-void LabelFifo(const std::string& tmp, int pid, SabloDomain domain, const std::string& targetCon) {
+// Never fails the creation: an unlabelled FIFO is still usable by peers of this domain. `tmp`
+// names the file in the lines; the label goes through `fd`, the descriptor of the very file this
+// process made (its /proc/self/fd entry leads to that file whatever now stands at the name).
+void LabelFifo(const std::string& tmp, int fd, int pid, SabloDomain domain,
+               const std::string& targetCon) {
+    const std::string target = "/proc/self/fd/" + std::to_string(fd);
     if (domain == SABLO_DOMAIN_NONE || domain == EnvManager::HostName()) {
-        LabelSingleDomain(tmp, pid, targetCon);
+        LabelSingleDomain(tmp, target.c_str(), pid, targetCon);
     } else {
-        LabelCrossDomain(tmp, domain, targetCon);
+        LabelCrossDomain(tmp, target.c_str(), domain, targetCon);
     }
+}
+
+// `path` as its directory (with the final slash) and its last component; trailing slashes
+// belong to the last component's name, so a directory given as "dir/" is "dir" in its parent.
+void SplitPath(const std::string& path, std::string& dir, std::string& base) {
+    std::string trimmed = path;
+    while (trimmed.size() > 1 && trimmed.back() == '/') {
+        trimmed.pop_back();
+    }
+    size_t slash = trimmed.rfind('/');
+    if (slash == std::string::npos) {
+        dir = "./";
+        base = trimmed;
+        return;
+    }
+    dir = trimmed.substr(0, slash + 1);
+    base = trimmed.substr(slash + 1);
+}
+
+// The directory that holds the FIFOs, opened as a real directory: a symbolic link (or anything
+// else) at its last step is refused (-ELOOP, -ENOTDIR). Every later step names files relative to
+// this descriptor, so the directory cannot be swapped under a creation or an open either.
+int OpenFifoDir(const std::string& dir) {
+    std::string trimmed = dir;
+    while (trimmed.size() > 1 && trimmed.back() == '/') {
+        trimmed.pop_back();  // a trailing slash would make open follow a link
+    }
+    int fd = open(trimmed.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    return fd < 0 ? -errno : fd;
 }
 
 // access(F_OK) that does not follow a symbolic link: a dangling link at the FIFO name counts as
 // something standing there, or it would make every later link of the name fail with EEXIST.
-bool Exists(const std::string& path) {
-    return faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+bool Exists(int dirFd, const std::string& base) {
+    return faccessat(dirFd, base.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+void LogNotFifo(const std::string& path, const struct stat& st) {
+    LOGE("File %s(mode=%u) exists but is not fifo file.\n", path.c_str(),
+         static_cast<unsigned>(st.st_mode));
 }
 
 // Result of publishing `tmp` under `path` when link said EEXIST: another creator won the race,
@@ -199,17 +239,32 @@ int CanAccessFileContexts() {
 }
 
 int OpenFifo(const std::string& path, int oflag) {
-    std::string resolved = path;
-    int ret = TransferToRealPath(resolved);
-    if (ret != 0) {
+    // Only a FIFO in a real directory is ever opened: the directory without following a link,
+    // the file without following one either (O_NOFOLLOW), and the opened descriptor checked
+    // once more, since the name may be swapped between the look and the open.
+    std::string dir;
+    std::string base;
+    SplitPath(path, dir, base);
+    sable::UniqueFd dirFd(OpenFifoDir(dir));
+    if (!dirFd.Valid()) {
+        LOGE("Open fifo %s fail, fd=%d, errno=%d.\n", path.c_str(), -1, -dirFd.Get());
+        return dirFd.Get();
+    }
+    struct stat st {};
+    if (fstatat(dirFd.Get(), base.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        int ret = -errno;
         LOGE("Transfer real path fail, path name=%s, ret=%d.\n", path.c_str(), ret);
         return ret;
+    }
+    if (!S_ISFIFO(st.st_mode)) {
+        LogNotFifo(path, st);
+        return -EACCES;
     }
     // A blocking FIFO open waits for the other end, possibly for good: let the owner cancel it
     // even from a thread that otherwise runs with cancellation disabled.
     int oldState = PTHREAD_CANCEL_ENABLE;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &oldState);
-    int fd = open(resolved.c_str(), oflag, FIFO_MODE);
+    int fd = openat(dirFd.Get(), base.c_str(), oflag | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
     int savedErrno = errno;
     pthread_setcancelstate(oldState, nullptr);
     if (fd < 0) {
@@ -218,6 +273,11 @@ int OpenFifo(const std::string& path, int oflag) {
             LOGE("Open fifo %s fail, fd=%d, errno=%d.\n", path.c_str(), fd, savedErrno);
         }
         return -savedErrno;
+    }
+    if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
+        LogNotFifo(path, st);
+        close(fd);
+        return -EACCES;
     }
     return fd;
 }
@@ -250,77 +310,121 @@ int RemoveFdFromEpoll(int epollFd, int fd) {
     return 0;
 }
 
-int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain domain,
-               const std::string& targetCon) {
-    // Whatever stands at the name goes, whatever it is: the name is ours to (re)create.
-    if (Exists(path)) {
-        unlink(path.c_str());
-    }
+namespace {
 
-    std::string tmp;
+// Makes the temporary FIFO of `base` in `dirFd` and gives it its mode, group and label through
+// its own descriptor, so that a link or file swapped in under the temporary name is never
+// touched. Returns 0 with the temporary name, or -errno (logged; no temporary name left
+// behind).
+int MakeTempFifo(int dirFd, const std::string& dir, const std::string& base, unsigned int gid,
+                 int pid, SabloDomain domain, const std::string& targetCon, std::string& tmpBase) {
+    const std::string path = dir + base;
     for (;;) {
-        if (!TempNameFor(path, tmp)) {
+        if (!TempNameFor(base, tmpBase)) {
             LOGE("Make fifo %s failed, ret=%d.\n", path.c_str(), -EINVAL);
             return -EINVAL;
         }
-        if (mkfifo(tmp.c_str(), FIFO_MODE) == 0) {
+        if (mkfifoat(dirFd, tmpBase.c_str(), FIFO_MODE) == 0) {
             break;
         }
         int savedErrno = errno;
         if (savedErrno == EEXIST) {
             continue;  // same nanosecond as another creator: draw again
         }
-        LOGE("Make fifo %s failed, ret=%d.\n", tmp.c_str(), -savedErrno);
+        LOGE("Make fifo %s failed, ret=%d.\n", (dir + tmpBase).c_str(), -savedErrno);
         LOGE("Make fifo %s failed, ret=%d.\n", path.c_str(), -savedErrno);
         return -savedErrno;
     }
-
-    bool elmPipe = IsElmDomainPipe(domain);
-    if (!elmPipe) {
+    const std::string tmp = dir + tmpBase;
+    // Read side, non-blocking: opening does not wait, and nobody can write to the FIFO before
+    // it is published. Closed again before the publication, so no peer ever takes this
+    // descriptor for a reader of the final name.
+    sable::UniqueFd fd(
+        openat(dirFd, tmpBase.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    // What was opened must be the FIFO just made: this process's, and not a hard link to
+    // someone else's file.
+    struct stat made {};
+    if (!fd.Valid() || fstat(fd.Get(), &made) != 0 || !S_ISFIFO(made.st_mode) ||
+        made.st_nlink != 1 || made.st_uid != geteuid()) {
+        int ret = fd.Valid() ? -EACCES : -errno;
+        unlinkat(dirFd, tmpBase.c_str(), 0);
+        LOGE("Make fifo %s failed, ret=%d.\n", tmp.c_str(), ret);
+        LOGE("Make fifo %s failed, ret=%d.\n", path.c_str(), ret);
+        return ret;
+    }
+    if (!IsElmDomainPipe(domain)) {
         // mkfifo applied the umask; the peer's group needs read and write.
-        if (chmod(tmp.c_str(), FIFO_MODE) != 0) {
+        if (fchmod(fd.Get(), FIFO_MODE) != 0) {
             int savedErrno = errno;
             LOGE("Change the mode of fifo %s failed, ret=%d.\n", tmp.c_str(), -savedErrno);
-            unlink(tmp.c_str());
+            unlinkat(dirFd, tmpBase.c_str(), 0);
             LOGE("Set fifo permission failed fifo=%s, ret=%d.\n", path.c_str(), -savedErrno);
             return -savedErrno;
         }
         // Only the owner or a privileged process may change the group; the FIFO still works
         // for processes of the creator's own group.
-        if (chown(tmp.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(gid)) != 0) {
+        if (fchown(fd.Get(), static_cast<uid_t>(-1), static_cast<gid_t>(gid)) != 0) {
             LOGI("Changes fifo %s's gid to %u, ret=%d.\n", tmp.c_str(), gid, errno);
         }
     }
+    LabelFifo(tmp, fd.Get(), pid, domain, targetCon);
+    return 0;
+}
 
-    LabelFifo(tmp, pid, domain, targetCon);
+}  // namespace
+
+int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain domain,
+               const std::string& targetCon) {
+    std::string dir;
+    std::string base;
+    SplitPath(path, dir, base);
+    sable::UniqueFd dirFd(OpenFifoDir(dir));
+    if (!dirFd.Valid()) {
+        LOGE("Make fifo %s failed, ret=%d.\n", path.c_str(), dirFd.Get());
+        return dirFd.Get();
+    }
+    // Whatever stands at the name goes, whatever it is: the name is ours to (re)create. (A link
+    // is removed itself; nothing it points at is touched.)
+    if (Exists(dirFd.Get(), base)) {
+        unlinkat(dirFd.Get(), base.c_str(), 0);
+    }
+
+    std::string tmpBase;
+    int ret = MakeTempFifo(dirFd.Get(), dir, base, gid, pid, domain, targetCon, tmpBase);
+    if (ret != 0) {
+        return ret;
+    }
+    const std::string tmp = dir + tmpBase;
 
     int result = 0;
-    if (link(tmp.c_str(), path.c_str()) == 0) {
-        unlink(tmp.c_str());
+    if (linkat(dirFd.Get(), tmpBase.c_str(), dirFd.Get(), base.c_str(), 0) == 0) {
+        unlinkat(dirFd.Get(), tmpBase.c_str(), 0);
         LOGI("Create fifo success, file name=%s.\n", path.c_str());
     } else {
         int savedErrno = errno;
-        unlink(tmp.c_str());
+        unlinkat(dirFd.Get(), tmpBase.c_str(), 0);
         if (savedErrno == EEXIST) {
             result = AcceptExisting(path);
         } else {
             result = -savedErrno;
             LOGE("Link fifo %s to %s failed, ret=%d.\n", tmp.c_str(), path.c_str(), result);
         }
-        if (result != 0) {
-            // Do not leave a planted object where peers will look for the FIFO.
-            if (Exists(path)) {
-                unlink(path.c_str());
-            }
-            LOGE("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.\n", tmp.c_str(),
-                 path.c_str(), result);
-            return result;
+    }
+    if (result != 0) {
+        // Do not leave a planted object where peers will look for the FIFO.
+        if (Exists(dirFd.Get(), base)) {
+            unlinkat(dirFd.Get(), base.c_str(), 0);
         }
+        LOGE("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.\n", tmp.c_str(),
+             path.c_str(), result);
+        return result;
     }
 
-    if (!elmPipe) {
+    if (!IsElmDomainPipe(domain)) {
         // Again on the final name: an existing FIFO accepted above was made by another creator.
-        if (chown(path.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(gid)) != 0) {
+        // Never through a link (AcceptExisting refused one; one swapped in since is left alone).
+        if (fchownat(dirFd.Get(), base.c_str(), static_cast<uid_t>(-1), static_cast<gid_t>(gid),
+                     AT_SYMLINK_NOFOLLOW) != 0) {
             LOGI("Changes fifo %s's gid to %u, ret=%d.\n", tmp.c_str(), gid, errno);
         }
     }

@@ -20,8 +20,12 @@ int IsFifoFile(const std::string& path);
 // readable by everyone (so labels can be looked up), -EACCES when not, or the lstat error.
 int CanAccessFileContexts();
 
-// open(2) of the real path of `path` with `oflag` exactly as given (the caller adds
-// O_CLOEXEC/O_NONBLOCK). Returns the descriptor, the error of resolving the path, or -errno.
+// open(2) of the FIFO `path` with `oflag` (O_NOFOLLOW, O_NOCTTY and O_CLOEXEC are always added).
+// Returns the descriptor or a negative errno. Only a FIFO in a real directory is opened: a
+// directory that is a symbolic link fails (-ELOOP, or -ENOTDIR, with the "Open fifo" line); a
+// missing file is the lstat error ("Transfer real path fail" line, -ENOENT); anything at the name
+// that is not a FIFO, a link included, is -EACCES with the "not fifo file" line, checked on the
+// name before the open and on the opened descriptor after it.
 // A blocking open (a FIFO waiting for its other end) is a cancellation point even in a thread
 // that disabled cancellation; the thread's cancel state is restored on return. -ENXIO (a
 // non-blocking write open with no reader yet) is the expected answer and not logged.
@@ -43,6 +47,9 @@ int RemoveFdFromEpoll(int epollFd, int fd);
 // 0 also when another creator published a FIFO at `path` first (it is accepted as it is);
 // -EACCES when something that is not a FIFO appeared there (it is removed); -EINVAL for a
 // symbolic link; otherwise the errno of mkfifo, chmod or link. No temporary file is left behind.
+// Nothing outside the FIFO's directory is ever touched: the directory must be a real one (a
+// link there fails with -ELOOP or -ENOTDIR), every name is resolved relative to it without
+// following a link, and mode, group and label go through the descriptor of the FIFO made here.
 int CreateFifo(const std::string& path, unsigned int gid, int pid, SabloDomain domain,
                const std::string& targetCon);
 

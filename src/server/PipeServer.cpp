@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <exception>
 #include <system_error>
 
+#include "api/sable_comm_check.h"
 #include "api/sable_comm_internal.h"
 #include "base/SingletonProtector.h"
 #include "base/safe_c.h"
@@ -25,7 +27,7 @@
 
 namespace {
 constexpr int kLongRunModeMs = 18000000;
-constexpr uint32_t kMaxReadName = 110;
+constexpr size_t kMaxClientName = 100;
 }  // namespace
 
 std::shared_ptr<PipeServer> PipeServer::GetInstance() {
@@ -88,6 +90,8 @@ int PipeServer::Init(const SabloServerAttr& serverAttr) {
 
 int PipeServer::InitServer() {
     running.store(true);
+    stopRequested.store(false);
+    Reset();
     int ret = PreparaFifoFile();
     if (ret != 0) {
         LOGE("PrepareFileFd failed: err=%d, errno=%d.\n", ret, errno);
@@ -123,8 +127,8 @@ int PipeServer::InitServer() {
         ret = monitorThread.SetRTType(attr.priority);
         if (ret != 0) {
             LOGE("Set server monitor thread to type %d failed, ret=%d\n", attr.priority, ret);
-            // The thread ends on this packet; Init joins it.
-            SendMsgToServer(writeFd);
+            // The thread ends on this; Init joins it.
+            RequestStop();
             return ret;
         }
     }
@@ -141,7 +145,7 @@ int PipeServer::PreparaFifoFile() {
     // ask that FIFO's lock first, so a second server fails here and the first keeps serving.
     // A first start finds no file: that is no error, so only an existing file is checked.
     if (access(fifoName.c_str(), F_OK) == 0 && IsFifoFile(fifoName) == 0) {
-        int probe = open(fifoName.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        int probe = open(fifoName.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
         if (probe >= 0) {
             if (flock(probe, LOCK_EX | LOCK_NB) != 0) {
                 int savedErrno = errno;
@@ -169,8 +173,8 @@ int PipeServer::PreparaFifoFile() {
         return ret;
     }
     // Our own writer: the reader never sees end of file when the last client leaves, and the
-    // stop packet has a way in.
-    writeFd = OpenFifo(fifoName, O_WRONLY | O_CLOEXEC);
+    // stop packet has a way in. Non-blocking: a FIFO filled by others never holds up a stop.
+    writeFd = OpenFifo(fifoName, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (writeFd < 0) {
         ret = writeFd;
         writeFd = -1;
@@ -195,10 +199,18 @@ int PipeServer::PrepareEpoll() {
         return -savedErrno;
     }
     int ret = AddFdToEpoll(epollFd, readFd, readFd, EPOLLIN);
+    if (ret == 0) {
+        stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        ret = stopFd < 0 ? -errno : AddFdToEpoll(epollFd, stopFd, stopFd, EPOLLIN);
+    }
     if (ret != 0) {
         LOGE("Add fd to epoll error: ret=%d.\n", ret);
         close(epollFd);
         epollFd = -1;
+        if (stopFd >= 0) {
+            close(stopFd);
+            stopFd = -1;
+        }
         return ret;
     }
     if (flock(readFd, LOCK_EX | LOCK_NB) != 0) {
@@ -207,36 +219,54 @@ int PipeServer::PrepareEpoll() {
              -1, savedErrno);
         close(epollFd);
         epollFd = -1;
+        close(stopFd);
+        stopFd = -1;
         return -savedErrno;
     }
     return 0;
 }
 
-int PipeServer::Recv(void* buf, size_t len) {
-    while (true) {
-        struct epoll_event event {};
-        int n = epoll_wait(epollFd, &event, 1, -1);
+ssize_t PipeServer::Fill(uint8_t* dst, size_t room, int waitMs) {
+    for (;;) {
+        if (stopRequested.load()) {
+            return 0;
+        }
+        struct epoll_event events[2] {};
+        int n = epoll_wait(epollFd, events, 2, waitMs);
         if (n < 0) {
             int savedErrno = errno;
             if (savedErrno == EINTR) {
                 continue;
             }
             LOGE("Epoll_wait on PipeServer monitor pipe failed, %s.", strerror(savedErrno));
-            return -savedErrno;
+            return 0;  // the set is broken: nothing more can be read
         }
         if (n == 0) {
-            return -1;
+            return -ETIMEDOUT;
         }
-        if (event.data.fd != readFd) {
+        bool readable = false;
+        for (int i = 0; i < n; ++i) {
+            if (events[i].data.fd == stopFd) {
+                return 0;
+            }
+            if (events[i].data.fd != readFd) {
+                continue;
+            }
+            if ((events[i].events & EPOLLIN) != 0) {
+                readable = true;
+            } else if ((events[i].events & EPOLLHUP) != 0) {
+                LOGI("All clients closed monitor pipe.\n");
+            }
+        }
+        if (!readable) {
             continue;
         }
-        if ((event.events & EPOLLIN) != 0) {
-            ssize_t r = read(readFd, buf, len);
-            return r < 0 ? -errno : static_cast<int>(r);
+        ssize_t r = read(readFd, dst, room);
+        if (r < 0 && errno == EAGAIN) {
+            continue;
         }
-        if ((event.events & EPOLLHUP) != 0) {
-            LOGI("All clients closed monitor pipe.\n");
-        }
+        // The server's own writer keeps the FIFO open: an end of file cannot come while it runs.
+        return r < 0 ? -errno : r;
     }
 }
 
@@ -256,69 +286,36 @@ bool PipeServer::OnServerThread() const {
 
 void PipeServer::MonitorRoutineLinux() {
     LOGI("begin MonitorRoutineLinux.\n");
-    while (running.load()) {
-        int magic = RecvMagic();
-        if (magic == MAGIC_PEER_CLOSED) {
-            LOGI("Read unfinished\n");
+    Packet packet;
+    while (running.load() && !stopRequested.load()) {
+        if (Next(packet) == Result::END) {
             break;
         }
-        if (magic != MAGIC_OK) {
-            LOGI("Read return %d.\n", magic);
+        if (packet.type == PIPE_SERVER_MSG_TERMINATE) {
+            if (stopRequested.load()) {
+                LOGI("Read terminate info, start exit monitor routine.\n");
+                break;
+            }
+            LOGE_R("Terminate packet on server fifo %s not sent by this server, ignored.\n",
+                   fifoName.c_str());
             continue;
         }
-        uint32_t type = 0;
-        int ret = Recv(&type, sizeof(type));
-        if (ret != static_cast<int>(sizeof(type)) || type > PIPE_SERVER_MSG_TERMINATE) {
-            LOGE("Read type failed, ret=%d, type=%d, errno=%d.\n", ret, static_cast<int>(type),
-                 errno);
-            continue;
-        }
-        if (type == PIPE_SERVER_MSG_TERMINATE) {
-            LOGI("Read terminate info, start exit monitor routine.\n");
-            break;
-        }
-        uint32_t gid = 0;
-        ret = Recv(&gid, sizeof(gid));
-        if (ret != static_cast<int>(sizeof(gid))) {
-            LOGE("Read client gid failed, ret=%d, recv gid=%u, errno=%d.\n", ret, gid, errno);
-            continue;
-        }
-        int32_t pid = 0;
-        ret = Recv(&pid, sizeof(pid));
-        if (ret != static_cast<int>(sizeof(pid))) {
-            LOGE("Read client pid failed, ret=%d, recv pid=%d, errno=%d.\n", ret, pid, errno);
-            continue;
-        }
-        uint32_t nameSize = 0;
-        ret = Recv(&nameSize, sizeof(nameSize));
-        if (ret != static_cast<int>(sizeof(nameSize)) || nameSize < 1 || nameSize > kMaxReadName) {
-            LOGE("Read connect packet data size failed, ret=%d, size=%u bytes, errno=%d.\n", ret,
-                 nameSize, errno);
-            continue;
-        }
-        LOGI("server get client name size: %u\n", nameSize);
-        std::unique_ptr<char[]> name(new char[nameSize + 1]);
-        if (memset_s(name.get(), nameSize + 1, 0, nameSize + 1) != 0) {
-            LOGE("Memset client name buffer error.\n");
-            continue;
-        }
-        ret = Recv(name.get(), nameSize);
-        if (ret != static_cast<int>(nameSize)) {
-            LOGE(
-                "Read connect packet data failed, ret=%d, clientName=%s,required size=%u "
-                "bytes, errno=%d.\n",
-                ret, name.get(), nameSize, errno);
-            continue;
-        }
-        name[nameSize] = '\0';
-        LOGI("Server %s get client name: %s.\n", serverName.c_str(), name.get());
-        CallSabloOpenAsync(name, gid, pid);
+        CallSabloOpenAsync(packet.name, packet.gid, packet.pid);
     }
     running.store(false);
 }
 
 void PipeServer::CallSabloOpenAsync(const std::unique_ptr<char[]>& clientName, unsigned int gid,
                                     int pid) const {
+    // A name from the FIFO is a peer's word: one that could not be a pipe's name is refused
+    // here, with the lines of the checks, restrained, so that a stream of them cannot flood the
+    // log (the open would refuse it too, logging every time).
+    const size_t nameLen = strnlen(clientName.get(), kMaxClientName + 1);
+    if (nameLen > kMaxClientName || BlackListCheck(clientName.get())) {
+        LOGE_R("Intput targetName=%s is not valid.\n", clientName.get());
+        LOGE_R("In callback Open pipe %s failed %d.\n", clientName.get(), -EINVAL);
+        return;
+    }
     // Nothing thrown here may leave the server thread (it would end the process): the client is
     // dropped and the next packet served.
     int ret = -1;
@@ -353,7 +350,7 @@ void PipeServer::CallSabloOpenAsync(const std::unique_ptr<char[]>& clientName, u
         return;
     }
     if (ret < 1) {
-        LOGE("In callback Open pipe %s failed %d.\n", clientName.get(), ret);
+        LOGE_R("In callback Open pipe %s failed %d.\n", clientName.get(), ret);
         return;
     }
     if (!connectCallback) {
@@ -409,12 +406,22 @@ void PipeServer::Close() {
         stopped.Wait(lock);
     }
     if (running.load()) {
-        int ret = SendMsgToServer(writeFd);
-        if (ret != 0) {
-            LOGE("Send stop message to server fail, ret=%d.\n", ret);
-        }
+        RequestStop();
     }
     StopLocked(lock);
+}
+
+void PipeServer::RequestStop() {
+    stopRequested.store(true);
+    int ret = SendMsgToServer(writeFd);
+    if (ret != 0) {
+        LOGE("Send stop message to server fail, ret=%d.\n", ret);
+    }
+    // The packet may not get in (a FIFO kept full by others) or be taken apart by bytes written
+    // before it: the eventfd wakes the thread whatever the FIFO holds.
+    if (stopFd >= 0) {
+        eventfd_write(stopFd, 1);
+    }
 }
 
 void PipeServer::StopLocked(sable::MutexLock& lock) {
@@ -450,7 +457,7 @@ void PipeServer::ReleaseDescriptorsLocked() {
     if (readFd >= 0) {
         flock(readFd, LOCK_UN | LOCK_NB);
     }
-    for (int* fd : {&epollFd, &writeFd, &readFd}) {
+    for (int* fd : {&epollFd, &stopFd, &writeFd, &readFd}) {
         if (*fd >= 0) {
             close(*fd);
             *fd = -1;

@@ -65,10 +65,10 @@ TEST(NameCheck, LengthIsOneTo100AndMustMatchTheName) {
 
 TEST(BlackList, RefusesShellAndPathSequencesAnywhereButNotSingleDots) {
     for (const char* name : {"a..b", "x;y", "a$", "p(1)", "a)b", "a|b", "a>b", "a<b", "a`b", "a&b",
-                             "../etc", "dir/.."}) {
+                             "../etc", "dir/..", "proc/sub", "/abs", "x/"}) {
         EXPECT_TRUE(BlackListCheck(name)) << name;
     }
-    for (const char* name : {"a.b", "a-b_c", "name.1", "x.y.z", "proc/sub"}) {
+    for (const char* name : {"a.b", "a-b_c", "name.1", "x.y.z"}) {
         EXPECT_FALSE(BlackListCheck(name)) << name;
     }
 }
@@ -90,6 +90,14 @@ TEST(PipeAttrCheck, ChecksTargetModeAndSelfFieldsOnly) {
     attr.targetName = "x;y";
     EXPECT_EQ(CheckInputPipeAttr(attr), -EINVAL);
     EXPECT_TRUE(cap.Contains("Intput targetName=x;y is not valid.\n"));
+    // A slash is refused like the other sequences, in the target and in the own name.
+    attr.targetName = "x/y";
+    EXPECT_EQ(CheckInputPipeAttr(attr), -EINVAL);
+    EXPECT_TRUE(cap.Contains("Intput targetName=x/y is not valid.\n"));
+    attr = ValidAttr();
+    attr.selfName = "me/up";
+    EXPECT_EQ(CheckInputPipeAttr(attr), -EINVAL);
+    EXPECT_TRUE(cap.Contains("Intput selfName=me/up is not valid.\n"));
 
     attr = ValidAttr();
     for (int mode : {2, -1}) {
@@ -113,6 +121,8 @@ TEST(SelfCheck, PriorityIsZeroToTwoAndTheNameIsLengthAndBlacklistChecked) {
     EXPECT_EQ(cap.Count("Intput selfName is not valid.\n"), 2u);
     EXPECT_EQ(CheckInputSelfNameAndPriority("srv&", SABLO_PRIORITY_NORMAL), -EINVAL);
     EXPECT_TRUE(cap.Contains("Intput selfName=srv& is not valid.\n"));
+    EXPECT_EQ(CheckInputSelfNameAndPriority("srv/x", SABLO_PRIORITY_NORMAL), -EINVAL);
+    EXPECT_TRUE(cap.Contains("Intput selfName=srv/x is not valid.\n"));
 }
 
 TEST(SelfCheck, NullSelfNameChecksTheProcessName) {

@@ -243,14 +243,12 @@ TEST_F(ServerTest, GarbageOnTheServerFifoNeverStopsIt) {
     overlong.insert(overlong.end(), 111, 'a');
     WriteToServer(overlong);
     EXPECT_TRUE(cap.WaitFor("Read connect packet data size failed, ret=4, size=111 bytes", 5000));
-    // A connect packet without a name takes the next packet's magic for its size.
+    // A connect packet without a name takes the next packet's magic for its size (that line is
+    // restrained now: the site has just printed).
     std::vector<uint8_t> empty = Packet(0);
     std::vector<uint8_t> next = Packet(0);
     empty.insert(empty.end(), next.begin(), next.end());
     WriteToServer(empty);
-    EXPECT_TRUE(cap.WaitFor("Read connect packet data size failed, ret=4, size=" +
-                                std::to_string(MagicReceiver::MAGIC) + " bytes",
-                            5000));
     WriteToServer(Packet(7));
     EXPECT_TRUE(cap.WaitFor("Read type failed, ret=4, type=7", 5000));
     ExpectAClientConnects(name);

@@ -9,12 +9,17 @@
 //                                       then close; exit 0 when all came back intact
 //   sable_peer leave SELF TARGET MODE   send request 77 of one byte and exit without closing
 //   sable_peer server NAME              report "server <code of SabloCreateServer>" and exit 0
+//   sable_peer server-wedged NAME WHAT  the same after writing into the server's FIFO, as an
+//                                       outside writer would, a stray magic byte (WHAT "byte")
+//                                       or a connect packet without a name ("empty"); the exit
+//                                       must still come
 //   sable_peer exit-in-destructor TARGET   open a pipe, then call entry functions from a static
 //                                       destructor run after the table's; exit 5 unless every
 //                                       one answered "table is gone"
 // Opening modes report "ready <fd>" once open (exit 20 when the open fails); the open time-out is
 // 10 s unless given.
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -136,6 +141,21 @@ int main(int argc, char** argv) {
         SabloServerAttr attr{nullptr, Echo, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, argv[2]};
         sable_test::SignalReady("server " + std::to_string(SabloCreateServer(&attr)));
         return 0;
+    }
+    if (cmd == "server-wedged" && argc == 4) {
+        SabloServerAttr attr{nullptr, Echo, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, argv[2]};
+        const int ret = SabloCreateServer(&attr);
+        const std::string fifo = sable_test::EnsureFifoDir() + argv[2];
+        int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        const uint32_t packet[4] = {0xA6B7C8D9u, 0, 0, 0};
+        const uint8_t stray = 0xD9;
+        bool written = fd >= 0 && (std::string(argv[3]) == "byte"
+                                       ? write(fd, &stray, 1) == 1
+                                       : write(fd, packet, sizeof(packet)) ==
+                                             static_cast<ssize_t>(sizeof(packet)));
+        if (fd >= 0) close(fd);
+        sable_test::SignalReady("server " + std::to_string(ret) + (written ? "" : " unwritten"));
+        return 0;  // the server is closed by the exit
     }
     if (cmd == "exit-in-destructor" && argc == 3) {
         static CallsAtExit atExit{argv[2]};
