@@ -18,5 +18,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig")
 set(ENV{PKG_CONFIG_PATH} "")
 
+# The programs run on the arm64 multiarch run time (/lib/ld-linux-aarch64.so.1 and
+# /lib/aarch64-linux-gnu), with no -L prefix: the cross toolchain's own copy of the C library
+# under /usr/aarch64-linux-gnu is another build of glibc, and a loader of one build with the C
+# library of the other corrupts the loader's shared state (pthread_create spins for ever).
 find_program(SABLE_QEMU_AARCH64 NAMES qemu-aarch64 qemu-aarch64-static REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${SABLE_QEMU_AARCH64} -L /usr/aarch64-linux-gnu)
+set(CMAKE_CROSSCOMPILING_EMULATOR ${SABLE_QEMU_AARCH64})

@@ -8,7 +8,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cross_pkgs=(g++-aarch64-linux-gnu qemu-user pkg-config cmake make
-            libselinux1-dev:arm64 libsafec-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
+            libselinux1-dev:arm64 libsafec-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
+            libstdc++6:arm64)
 sudo_cmd=""
 [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then

@@ -44,8 +44,8 @@ class Ctl {
   public:
     explicit Ctl(const std::vector<std::string>& args, const std::string& stdinText = "") {
         static int counter = 0;
-        const std::string base = "/tmp/sablectl_test_" + std::to_string(getpid()) + "_" +
-                                 std::to_string(counter++);
+        const std::string base =
+            "/tmp/sablectl_test_" + std::to_string(getpid()) + "_" + std::to_string(counter++);
         outPath = base + ".out";
         errPath = base + ".err";
         std::string in = "</dev/null";
@@ -54,8 +54,10 @@ class Ctl {
             std::ofstream(inPath) << stdinText;
             in = "<" + inPath;
         }
-        std::vector<std::string> sh{"-c", "exec \"$0\" \"$@\" >" + outPath + " 2>" + errPath + " " + in,
-                                    kCtl};
+        std::vector<std::string> sh{
+            "-c",
+            "exec $SABLE_TEST_EMULATOR \"$0\" \"$@\" >" + outPath + " 2>" + errPath + " " + in,
+            kCtl};
         sh.insert(sh.end(), args.begin(), args.end());
         child = std::make_unique<ChildProcess>("/bin/sh", sh);
     }
@@ -125,14 +127,19 @@ TEST_F(SablectlTest, LsShowsALivePairWithItsHoldersAndAKilledProcessesPairStaleG
         const std::string json = ls.Out();
         // The creating end reads the FIFO its peer writes: it holds that one for reading.
         std::string held = LsLine(json, liveB + "__to__" + liveA);
-        EXPECT_NE(held.find("\"pid\":" + std::to_string(live.Pid()) + ",\"name\":\"pipe_peer\",\"access\":\"r\""),
-                  std::string::npos) << json;
-        EXPECT_NE(held.find("\"kind\":\"pipe\",\"writer\":\"" + liveB + "\",\"reader\":\"" + liveA + "\""),
-                  std::string::npos) << held;
+        EXPECT_NE(held.find("\"pid\":" + std::to_string(live.Pid()) +
+                            ",\"name\":\"pipe_peer\",\"access\":\"r\""),
+                  std::string::npos)
+            << json;
+        EXPECT_NE(held.find("\"kind\":\"pipe\",\"writer\":\"" + liveB + "\",\"reader\":\"" + liveA +
+                            "\""),
+                  std::string::npos)
+            << held;
         EXPECT_NE(held.find("\"mode\":\"0660\""), std::string::npos) << held;
         EXPECT_NE(held.find("\"stale\":false"), std::string::npos) << held;
         // Its own write end is not open yet; the pair is still live.
-        EXPECT_NE(LsLine(json, liveA + "__to__" + liveB).find("\"stale\":false"), std::string::npos) << json;
+        EXPECT_NE(LsLine(json, liveA + "__to__" + liveB).find("\"stale\":false"), std::string::npos)
+            << json;
     }
 
     dead.Kill(SIGKILL);
@@ -163,7 +170,8 @@ TEST_F(SablectlTest, LsShowsALivePairWithItsHoldersAndAKilledProcessesPairStaleG
     {
         Ctl gc({"gc", "--delete", "--min-age", "0", tag + "*"});
         ASSERT_EQ(gc.Wait(), 0) << gc.Err();
-        EXPECT_NE(gc.Out().find(deadA + "__to__" + deadB + "  deleted"), std::string::npos) << gc.Out();
+        EXPECT_NE(gc.Out().find(deadA + "__to__" + deadB + "  deleted"), std::string::npos)
+            << gc.Out();
     }
     EXPECT_FALSE(Exists(deadA + "__to__" + deadB));
     EXPECT_FALSE(Exists(deadB + "__to__" + deadA));
@@ -186,7 +194,8 @@ TEST_F(SablectlTest, GcKeepsARunningServersFifoAndRemovesAStaleOne) {
         ASSERT_EQ(ls.Wait(), 0) << ls.Err();
         std::string line = LsLine(ls.Out(), name);
         EXPECT_NE(line.find("\"kind\":\"server\""), std::string::npos) << line;
-        EXPECT_NE(line.find("\"locked_by\":" + std::to_string(server.Pid())), std::string::npos) << line;
+        EXPECT_NE(line.find("\"locked_by\":" + std::to_string(server.Pid())), std::string::npos)
+            << line;
     }
     Ctl gc({"gc", "--delete", "--min-age", "0", name, staleName});
     ASSERT_EQ(gc.Wait(), 0) << gc.Err();
@@ -271,9 +280,13 @@ TEST_F(SablectlTest, BadInputGivesAMessageAndANonZeroStatus) {
         {{"call", nobody, "--data", "x"}, 1, "no server named '" + nobody + "'"},
         {{"call", nobody, "--hex", "0g"}, 2, "bad hex: 'g'"},
         {{"call", nobody, "--hex", "abc"}, 2, "odd number of digits"},
-        {{"call", nobody, "--data", std::string(4001, 'x')}, 2, "4001 bytes; a request carries at most 4000"},
+        {{"call", nobody, "--data", std::string(4001, 'x')},
+         2,
+         "4001 bytes; a request carries at most 4000"},
         {{"call", nobody, "--data", ""}, 2, "payload is empty"},
-        {{"call", nobody, "--pipe", "--self", "a", "--timeout", "200", "--data", "x"}, 1, "ETIMEDOUT"},
+        {{"call", nobody, "--pipe", "--self", "a", "--timeout", "200", "--data", "x"},
+         1,
+         "ETIMEDOUT"},
         {{"call", "a/b", "--data", "x"}, 2, "not a process name"},
         {{"call", nobody, "--count", "0", "--data", "x"}, 2, "--count takes a whole number"},
         {{"serve", nobody, "--mode", "join"}, 2, "--mode goes with --pipe"},
@@ -289,7 +302,9 @@ TEST_F(SablectlTest, BadInputGivesAMessageAndANonZeroStatus) {
     for (const std::string cmd : {"ls", "call", "send", "serve", "gc", "doctor"}) {
         Ctl help({cmd, "--help"});
         EXPECT_EQ(help.Wait(), 0);
-        EXPECT_EQ(help.Out().rfind("Usage: sablectl " + (cmd == "send" ? std::string("call") : cmd), 0), 0u)
+        EXPECT_EQ(
+            help.Out().rfind("Usage: sablectl " + (cmd == "send" ? std::string("call") : cmd), 0),
+            0u)
             << help.Out();
     }
     // A server name that another process already serves.

@@ -53,8 +53,7 @@ std::string Label(const std::string& path) {
 using Key = std::pair<dev_t, ino_t>;
 
 // Every descriptor of every process that points at a file of the directories, by inode.
-std::map<Key, std::vector<Holder>> ScanHolders(const std::vector<std::string>& dirs,
-                                               bool* hidden) {
+std::map<Key, std::vector<Holder>> ScanHolders(const std::vector<std::string>& dirs, bool* hidden) {
     std::map<Key, std::vector<Holder>> out;
     DIR* proc = opendir("/proc");
     if (proc == nullptr) return out;
@@ -136,7 +135,9 @@ double AgeSeconds(const struct stat& st) {
 
 }  // namespace
 
-std::string FifoDirectory::MainDir() { return kFifoDir; }
+std::string FifoDirectory::MainDir() {
+    return kFifoDir;
+}
 
 std::vector<std::string> FifoDirectory::Dirs() {
     return {kFifoDir, std::string(kElmPrefix) + kFifoDir};

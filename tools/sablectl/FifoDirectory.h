@@ -18,20 +18,20 @@ struct Holder {
 };
 
 struct FifoEntry {
-    std::string dir;     // the directory, with its trailing '/'
-    std::string domain;  // "dp" (plain directory) or "elm" (the /local one)
-    std::string name;    // file name within dir
-    std::string kind;    // "pipe", "server" or "other" (not a FIFO)
+    std::string dir;             // the directory, with its trailing '/'
+    std::string domain;          // "dp" (plain directory) or "elm" (the /local one)
+    std::string name;            // file name within dir
+    std::string kind;            // "pipe", "server" or "other" (not a FIFO)
     std::string writer, reader;  // pipes only
     unsigned mode = 0;           // permission bits
     gid_t gid = 0;
     uid_t uid = 0;
-    std::string group;        // group name, or the number
-    std::string label;        // security label, empty when none can be read
+    std::string group;  // group name, or the number
+    std::string label;  // security label, empty when none can be read
     std::vector<Holder> holders;
-    pid_t lockedBy = 0;       // pid holding a lock on the file (a running server), or 0
-    bool stale = false;       // nothing holds it (nor, for a pipe, its partner in the other direction)
-    double ageSeconds = 0;    // since the file's last status change
+    pid_t lockedBy = 0;  // pid holding a lock on the file (a running server), or 0
+    bool stale = false;  // nothing holds it (nor, for a pipe, its partner in the other direction)
+    double ageSeconds = 0;  // since the file's last status change
     dev_t dev = 0;
     ino_t ino = 0;
 

@@ -16,8 +16,8 @@ bool Payload::Check(std::string& error) const {
         return false;
     }
     if (bytes.size() > kMaxPayload) {
-        error = "the payload is " + std::to_string(bytes.size()) + " bytes; a request carries at most " +
-                std::to_string(kMaxPayload);
+        error = "the payload is " + std::to_string(bytes.size()) +
+                " bytes; a request carries at most " + std::to_string(kMaxPayload);
         return false;
     }
     return true;
@@ -131,11 +131,21 @@ std::string Json(const std::string& s) {
     std::string out = "\"";
     for (unsigned char c : s) {
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\t': out += "\\t"; break;
-            case '\r': out += "\\r"; break;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
             default:
                 if (c < 0x20) {
                     char b[8];

@@ -53,8 +53,9 @@ int CmdCall(const Argv& argv, bool oneWay) {
     Args args;
     std::string error;
     long timeout = 0, count = 0, id = 0;
-    if (!args.Parse(argv, {"--data", "--hex", "--file", "--self", "--mode", "--timeout", "--count", "--id"},
-                    {"--pipe", "--json"}, error) ||
+    if (!args.Parse(
+            argv, {"--data", "--hex", "--file", "--self", "--mode", "--timeout", "--count", "--id"},
+            {"--pipe", "--json"}, error) ||
         !args.GetInt("--timeout", 5000, 1, 24L * 3600 * 1000, timeout, error) ||
         !args.GetInt("--count", 1, 1, 100000000, count, error) ||
         !args.GetInt("--id", 1, 0, 0xFFFFFFFFL, id, error)) {
@@ -67,7 +68,8 @@ int CmdCall(const Argv& argv, bool oneWay) {
     const bool pipe = args.Has("--pipe");
     const std::string self = args.Get("--self");
     const std::string mode = args.Get("--mode", "join");
-    if (!ValidName("NAME", name, error) || (args.Has("--self") && !ValidName("--self", self, error))) {
+    if (!ValidName("NAME", name, error) ||
+        (args.Has("--self") && !ValidName("--self", self, error))) {
         return Fail(kExitUsage, error);
     }
     if (mode != "create" && mode != "join") {
@@ -108,8 +110,9 @@ int CmdCall(const Argv& argv, bool oneWay) {
         } else if (fd == -ENXIO && !pipe) {
             hint = "; the server '" + name + "' is not reading its FIFO (stale? see 'sablectl gc')";
         }
-        return Fail(kExitFailed, "cannot open " + std::string(pipe ? "the pipe to '" : "a client of '") +
-                                     name + "': " + ErrorText(fd) + hint);
+        return Fail(kExitFailed, "cannot open " +
+                                     std::string(pipe ? "the pipe to '" : "a client of '") + name +
+                                     "': " + ErrorText(fd) + hint);
     }
 
     auto& bytes = payload.Bytes();
@@ -119,20 +122,25 @@ int CmdCall(const Argv& argv, bool oneWay) {
     SabloResponse first{};
     bool haveFirst = false;
     for (long i = 0; i < count; ++i) {
-        SabloRequest req{static_cast<uint32_t>(id), bytes.data(), static_cast<uint32_t>(bytes.size())};
+        SabloRequest req{static_cast<uint32_t>(id), bytes.data(),
+                         static_cast<uint32_t>(bytes.size())};
         SabloResponse rsp{};
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
         auto start = std::chrono::steady_clock::now();
         int ret;
         while (true) {
-            ret = oneWay ? SabloSendRequest(fd, &req) : SabloTimedRPCSync(fd, &req, &rsp, static_cast<int>(timeout));
+            ret = oneWay ? SabloSendRequest(fd, &req)
+                         : SabloTimedRPCSync(fd, &req, &rsp, static_cast<int>(timeout));
             // A creating end may send before the other end has opened its reader, and a full
             // FIFO clears as the other end reads: both are worth a retry within the time-out.
-            if ((ret != -ENXIO && ret != -EAGAIN) || std::chrono::steady_clock::now() > deadline) break;
+            if ((ret != -ENXIO && ret != -EAGAIN) || std::chrono::steady_clock::now() > deadline)
+                break;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
             start = std::chrono::steady_clock::now();
         }
-        double us = std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count();
+        double us =
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+                .count();
         if (ret != 0) {
             ++failures;
             if (firstError == 0) firstError = ret;
@@ -154,35 +162,44 @@ int CmdCall(const Argv& argv, bool oneWay) {
     const char* what = oneWay ? "send" : "round trip";
     if (json) {
         std::string out = "{\"name\":" + Json(name) + ",\"requests\":" + std::to_string(count) +
-                          ",\"ok\":" + std::to_string(rtts.size()) + ",\"failed\":" + std::to_string(failures);
+                          ",\"ok\":" + std::to_string(rtts.size()) +
+                          ",\"failed\":" + std::to_string(failures);
         if (haveFirst) {
-            out += ",\"response\":{\"id\":" + std::to_string(first.id) + ",\"size\":" + std::to_string(first.size);
+            out += ",\"response\":{\"id\":" + std::to_string(first.id) +
+                   ",\"size\":" + std::to_string(first.size);
             if (IsText(first.data, first.size)) {
-                out += ",\"text\":" + Json(std::string(reinterpret_cast<const char*>(first.data), first.size));
+                out += ",\"text\":" +
+                       Json(std::string(reinterpret_cast<const char*>(first.data), first.size));
             }
             out += ",\"hex\":" + Json(Hex(first.data, first.size)) + "}";
         }
         char b[160];
-        snprintf(b, sizeof(b), ",\"us\":{\"first\":%.1f,\"p50\":%.1f,\"p99\":%.1f}", rtts.empty() ? 0.0 : rtts[0],
-                 Percentile(rtts, 0.5), Percentile(rtts, 0.99));
+        snprintf(b, sizeof(b), ",\"us\":{\"first\":%.1f,\"p50\":%.1f,\"p99\":%.1f}",
+                 rtts.empty() ? 0.0 : rtts[0], Percentile(rtts, 0.5), Percentile(rtts, 0.99));
         out += b;
-        if (firstError != 0) out += ",\"error\":{\"code\":" + std::to_string(firstError) + ",\"text\":" + Json(ErrorText(firstError)) + "}";
+        if (firstError != 0)
+            out += ",\"error\":{\"code\":" + std::to_string(firstError) +
+                   ",\"text\":" + Json(ErrorText(firstError)) + "}";
         printf("%s}\n", out.c_str());
     } else {
         if (haveFirst) {
-            printf("response id %u, %u bytes:\n%s", first.id, first.size, ResponseText(first).c_str());
+            printf("response id %u, %u bytes:\n%s", first.id, first.size,
+                   ResponseText(first).c_str());
         }
         if (count == 1 && !rtts.empty()) {
             printf("%s %.1f us\n", what, rtts[0]);
         } else if (count > 1) {
-            printf("%ld requests, %zu ok, %ld failed; %s p50 %.1f us, p99 %.1f us\n", count, rtts.size(),
-                   failures, what, Percentile(rtts, 0.5), Percentile(rtts, 0.99));
+            printf("%ld requests, %zu ok, %ld failed; %s p50 %.1f us, p99 %.1f us\n", count,
+                   rtts.size(), failures, what, Percentile(rtts, 0.5), Percentile(rtts, 0.99));
         }
     }
     DestroyResponse(&first);
     if (firstError != 0) {
-        std::string hint = firstError == -ETIMEDOUT ? "; no response within " + std::to_string(timeout) + " ms" : "";
-        return Fail(kExitFailed, cmd + " to '" + name + "' failed: " + ErrorText(firstError) + hint);
+        std::string hint = firstError == -ETIMEDOUT
+                               ? "; no response within " + std::to_string(timeout) + " ms"
+                               : "";
+        return Fail(kExitFailed,
+                    cmd + " to '" + name + "' failed: " + ErrorText(firstError) + hint);
     }
     return kExitOk;
 }

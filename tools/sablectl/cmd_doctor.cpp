@@ -46,10 +46,12 @@ void CheckDir(const std::string& dir, bool required, std::vector<Check>& out) {
     if (lstat(dir.c_str(), &st) != 0) {
         if (required) {
             out.push_back({name, "fail", "does not exist",
-                           "create it: mkdir -p " + dir + " (mode 1777, or 0770 with the group of "
-                           "the processes that talk)"});
+                           "create it: mkdir -p " + dir +
+                               " (mode 1777, or 0770 with the group of "
+                               "the processes that talk)"});
         } else {
-            out.push_back({name, "info", "does not exist (needed only on hosts of the elm domain)", ""});
+            out.push_back(
+                {name, "info", "does not exist (needed only on hosts of the elm domain)", ""});
         }
         return;
     }
@@ -60,7 +62,8 @@ void CheckDir(const std::string& dir, bool required, std::vector<Check>& out) {
         return;
     }
     if (!S_ISDIR(st.st_mode)) {
-        out.push_back({name, "fail", "exists but is not a directory", "remove it and mkdir -p " + dir});
+        out.push_back(
+            {name, "fail", "exists but is not a directory", "remove it and mkdir -p " + dir});
         return;
     }
     const unsigned mode = st.st_mode & 07777;
@@ -74,8 +77,8 @@ void CheckDir(const std::string& dir, bool required, std::vector<Check>& out) {
         out.push_back({name, "warn", detail + "; anyone may remove anyone's FIFO files",
                        "set the sticky bit: chmod +t " + dir});
     } else if (st.st_uid != 0 && st.st_uid != getuid()) {
-        out.push_back({name, "warn", detail + "; owned by another unprivileged user",
-                       "chown root " + dir});
+        out.push_back(
+            {name, "warn", detail + "; owned by another unprivileged user", "chown root " + dir});
     } else {
         out.push_back({name, "ok", detail, ""});
     }
@@ -87,7 +90,8 @@ void CheckSelinux(std::vector<Check>& out) {
         out.push_back({"SELinux", "info", "disabled: FIFO files carry no label", ""});
     } else {
         int enforce = security_getenforce();
-        out.push_back({"SELinux", "ok", enforce == 1 ? "enabled, enforcing" : "enabled, permissive", ""});
+        out.push_back(
+            {"SELinux", "ok", enforce == 1 ? "enabled, enforcing" : "enabled, permissive", ""});
     }
     struct stat st {};
     if (stat(kFileContextsDir, &st) != 0) {
@@ -135,11 +139,13 @@ int CmdDoctor(const Argv& argv) {
                           "may include live files",
                           "run as root for an exact answer"});
     }
-    checks.push_back({"stale FIFO files", stale ? "warn" : "ok",
-                      std::to_string(stale) + " stale of " + std::to_string(dir.Entries().size() - other),
-                      stale ? "see 'sablectl gc', remove them with 'sablectl gc --delete'" : ""});
+    checks.push_back(
+        {"stale FIFO files", stale ? "warn" : "ok",
+         std::to_string(stale) + " stale of " + std::to_string(dir.Entries().size() - other),
+         stale ? "see 'sablectl gc', remove them with 'sablectl gc --delete'" : ""});
     if (other) {
-        checks.push_back({"other files", "warn", std::to_string(other) + " files that are not FIFOs",
+        checks.push_back({"other files", "warn",
+                          std::to_string(other) + " files that are not FIFOs",
                           "look at them with 'sablectl ls' and remove them by hand"});
     }
 

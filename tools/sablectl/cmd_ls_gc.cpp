@@ -28,7 +28,8 @@ std::string HoldersText(const FifoEntry& e) {
         if (!out.empty()) out += ",";
         out += std::to_string(h.pid) + "(" + h.name + ":" + h.access + ")";
     }
-    if (e.lockedBy != 0) out += std::string(out.empty() ? "" : ",") + "lock:" + std::to_string(e.lockedBy);
+    if (e.lockedBy != 0)
+        out += std::string(out.empty() ? "" : ",") + "lock:" + std::to_string(e.lockedBy);
     return out.empty() ? "-" : out;
 }
 
@@ -39,7 +40,8 @@ std::string EntryJson(const FifoEntry& e) {
     if (e.kind == "pipe") out += ",\"writer\":" + Json(e.writer) + ",\"reader\":" + Json(e.reader);
     out += ",\"mode\":" + Json(Octal(e.mode)) + ",\"uid\":" + std::to_string(e.uid) +
            ",\"gid\":" + std::to_string(e.gid) + ",\"group\":" + Json(e.group) +
-           ",\"label\":" + (e.label.empty() ? std::string("null") : Json(e.label)) + ",\"holders\":[";
+           ",\"label\":" + (e.label.empty() ? std::string("null") : Json(e.label)) +
+           ",\"holders\":[";
     for (size_t i = 0; i < e.holders.size(); ++i) {
         const auto& h = e.holders[i];
         out += std::string(i ? "," : "") + "{\"pid\":" + std::to_string(h.pid) +
@@ -72,7 +74,10 @@ void PrintTable(const std::vector<const FifoEntry*>& rows) {
                e->reader.empty() ? "-" : e->reader.c_str(), Octal(e->mode).c_str(),
                static_cast<int>(wGroup), e->group.c_str(), static_cast<int>(wLabel),
                e->label.empty() ? "-" : e->label.c_str(),
-               e->kind == "other" ? "-" : e->stale ? "STALE" : "live", HoldersText(*e).c_str());
+               e->kind == "other" ? "-"
+               : e->stale         ? "STALE"
+                                  : "live",
+               HoldersText(*e).c_str());
     }
 }
 
@@ -99,7 +104,8 @@ int CmdLs(const Argv& argv) {
     }
     if (args.Has("--json")) {
         printf("[");
-        for (size_t i = 0; i < rows.size(); ++i) printf("%s%s", i ? ",\n " : "", EntryJson(*rows[i]).c_str());
+        for (size_t i = 0; i < rows.size(); ++i)
+            printf("%s%s", i ? ",\n " : "", EntryJson(*rows[i]).c_str());
         printf("]\n");
         return kExitOk;
     }
@@ -109,8 +115,9 @@ int CmdLs(const Argv& argv) {
     }
     PrintTable(rows);
     if (dir.OtherProcessesHidden()) {
-        fprintf(stderr, "sablectl: note: some processes' descriptors are not readable by this user; "
-                        "run as root to see every holder\n");
+        fprintf(stderr,
+                "sablectl: note: some processes' descriptors are not readable by this user; "
+                "run as root to see every holder\n");
     }
     return kExitOk;
 }
@@ -128,8 +135,9 @@ int CmdGc(const Argv& argv) {
     const bool doDelete = args.Has("--delete");
     const bool json = args.Has("--json");
     if (!doDelete && dir.OtherProcessesHidden()) {
-        fprintf(stderr, "sablectl: note: not every process's descriptors are readable by this user; "
-                        "files held only by such processes look stale\n");
+        fprintf(stderr,
+                "sablectl: note: not every process's descriptors are readable by this user; "
+                "files held only by such processes look stale\n");
     }
     if (doDelete && dir.OtherProcessesHidden()) {
         return Fail(kExitFailed,
@@ -167,7 +175,8 @@ int CmdGc(const Argv& argv) {
     } else if (count == 0) {
         printf("no stale FIFO files\n");
     } else if (!doDelete) {
-        printf("%d stale file%s; 'sablectl gc --delete' removes them\n", count, count == 1 ? "" : "s");
+        printf("%d stale file%s; 'sablectl gc --delete' removes them\n", count,
+               count == 1 ? "" : "s");
     }
     return status;
 }

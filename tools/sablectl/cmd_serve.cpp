@@ -26,7 +26,7 @@ struct ServeState {
     bool echo = false;
     bool json = false;
     std::atomic<bool> peerGone{false};
-    std::mutex mu;                        // guards out (stdout) and clients
+    std::mutex mu;                       // guards out (stdout) and clients
     std::map<int, std::string> clients;  // pipe number -> client name
 };
 ServeState state;
@@ -50,8 +50,9 @@ void OnConnect(int fd, SabloClientInfo client) {
         state.clients[fd] = name;
     }
     if (state.json) {
-        Print("{\"event\":\"connect\",\"pipe\":" + std::to_string(fd) + ",\"client\":" + Json(name) +
-              ",\"pid\":" + std::to_string(client.pid) + ",\"gid\":" + std::to_string(client.gid) + "}\n");
+        Print("{\"event\":\"connect\",\"pipe\":" + std::to_string(fd) +
+              ",\"client\":" + Json(name) + ",\"pid\":" + std::to_string(client.pid) +
+              ",\"gid\":" + std::to_string(client.gid) + "}\n");
     } else {
         Print("connect pipe " + std::to_string(fd) + " client " + name + " pid " +
               std::to_string(client.pid) + "\n");
@@ -67,7 +68,8 @@ void OnRequest(int fd, SabloRequest* req) {
             state.clients.erase(fd);
         }
         Print(state.json ? "{\"event\":\"closed\",\"pipe\":" + std::to_string(fd) + "}\n"
-                         : "closed pipe " + std::to_string(fd) + (from.empty() ? "" : " client " + from) + "\n");
+                         : "closed pipe " + std::to_string(fd) +
+                               (from.empty() ? "" : " client " + from) + "\n");
         return;
     }
     int answer = 0;
@@ -76,8 +78,9 @@ void OnRequest(int fd, SabloRequest* req) {
         answer = SabloSendResponse(fd, &rsp);
     }
     if (state.json) {
-        std::string line = "{\"event\":\"request\",\"pipe\":" + std::to_string(fd) + ",\"id\":" +
-                           std::to_string(req->id) + ",\"size\":" + std::to_string(req->size);
+        std::string line = "{\"event\":\"request\",\"pipe\":" + std::to_string(fd) +
+                           ",\"id\":" + std::to_string(req->id) +
+                           ",\"size\":" + std::to_string(req->size);
         if (IsText(req->data, req->size)) {
             line += ",\"text\":" + Json(std::string(reinterpret_cast<char*>(req->data), req->size));
         }
@@ -86,8 +89,9 @@ void OnRequest(int fd, SabloRequest* req) {
         Print(line + "}\n");
         return;
     }
-    std::string line = "request pipe " + std::to_string(fd) + (from.empty() ? "" : " client " + from) +
-                       " id " + std::to_string(req->id) + ", " + std::to_string(req->size) + " bytes";
+    std::string line = "request pipe " + std::to_string(fd) +
+                       (from.empty() ? "" : " client " + from) + " id " + std::to_string(req->id) +
+                       ", " + std::to_string(req->size) + " bytes";
     if (state.echo) line += answer == 0 ? ", echoed" : ", echo failed: " + ErrorText(answer);
     if (IsText(req->data, req->size)) {
         std::string text(reinterpret_cast<char*>(req->data), req->size);
@@ -121,13 +125,15 @@ int CmdServe(const Argv& argv) {
     for (const auto& n : {name, peer}) {
         if ((&n == &name || args.Has("--pipe")) &&
             (n.empty() || n.size() > 100 || n.find('/') != std::string::npos)) {
-            return Fail(kExitUsage, "'" + n + "' is not a process name (1 to 100 characters, no '/')");
+            return Fail(kExitUsage,
+                        "'" + n + "' is not a process name (1 to 100 characters, no '/')");
         }
     }
     if (mode != "create" && mode != "join") {
         return Fail(kExitUsage, "--mode takes 'create' or 'join', not '" + mode + "'");
     }
-    if (!args.Has("--pipe") && args.Has("--mode")) return Fail(kExitUsage, "--mode goes with --pipe");
+    if (!args.Has("--pipe") && args.Has("--mode"))
+        return Fail(kExitUsage, "--mode goes with --pipe");
     state.echo = args.Has("--echo");
     state.json = args.Has("--json");
 
@@ -139,16 +145,19 @@ int CmdServe(const Argv& argv) {
     pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
     if (!args.Has("--pipe")) {
-        SabloServerAttr attr{OnConnect, OnRequest, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT, name.c_str()};
+        SabloServerAttr attr{OnConnect, OnRequest, 0xFFFFFFFFu, SABLO_PRIORITY_DEFAULT,
+                             name.c_str()};
         int ret = SabloCreateServer(&attr);
         if (ret != 0) {
             std::string hint = ret == -EAGAIN || ret == -EWOULDBLOCK
                                    ? "; another process is serving '" + name + "' ('sablectl ls')"
                                    : "";
-            return Fail(kExitFailed, "cannot start the server '" + name + "': " + ErrorText(ret) + hint);
+            return Fail(kExitFailed,
+                        "cannot start the server '" + name + "': " + ErrorText(ret) + hint);
         }
         const std::string path = FifoDirectory::MainDir() + name;
-        Print(state.json ? "{\"event\":\"serving\",\"server\":" + Json(name) + ",\"fifo\":" + Json(path) + "}\n"
+        Print(state.json ? "{\"event\":\"serving\",\"server\":" + Json(name) +
+                               ",\"fifo\":" + Json(path) + "}\n"
                          : "serving " + name + " on " + path + "\n");
         while (!Interrupted(stop, 1000)) {
         }
@@ -175,11 +184,13 @@ int CmdServe(const Argv& argv) {
             state.peerGone = false;
             fd = SabloOpen(&attr);
             if (fd > 0) {
-                Print(state.json ? "{\"event\":\"open\",\"pipe\":" + std::to_string(fd) + ",\"self\":" +
-                                       Json(name) + ",\"peer\":" + Json(peer) + "}\n"
-                                 : "pipe " + std::to_string(fd) + " open: " + name + " <-> " + peer + "\n");
+                Print(state.json ? "{\"event\":\"open\",\"pipe\":" + std::to_string(fd) +
+                                       ",\"self\":" + Json(name) + ",\"peer\":" + Json(peer) + "}\n"
+                                 : "pipe " + std::to_string(fd) + " open: " + name + " <-> " +
+                                       peer + "\n");
             } else if (fd != -ETIMEDOUT) {
-                return Fail(kExitFailed, "cannot open the pipe " + name + " <-> " + peer + ": " + ErrorText(fd));
+                return Fail(kExitFailed,
+                            "cannot open the pipe " + name + " <-> " + peer + ": " + ErrorText(fd));
             }
         }
         if (Interrupted(stop, fd > 0 ? 100 : 1)) break;

@@ -76,7 +76,8 @@ const char* const kGc =
     "Usage: sablectl gc [--delete] [--min-age SECONDS] [--json] [PATTERN...]\n"
     "\n"
     "Lists the stale FIFO files (no process holds them, nor the other FIFO of their pair, and no\n"
-    "server holds a lock on them). With --delete they are removed, each checked again just before;\n"
+    "server holds a lock on them). With --delete they are removed, each checked again just "
+    "before;\n"
     "a file a live process holds or a server's lock covers is never removed. PATTERNs (shell\n"
     "wildcards) keep only the file names that match one of them.\n"
     "\n"
@@ -89,7 +90,8 @@ const char* const kDoctor =
     "Usage: sablectl doctor [--json]\n"
     "\n"
     "Checks the FIFO directory (exists, a real directory, mode, owner, writable by this user),\n"
-    "SELinux (enabled, enforcing, file-contexts directory readable) and stale FIFO files, and says\n"
+    "SELinux (enabled, enforcing, file-contexts directory readable) and stale FIFO files, and "
+    "says\n"
     "what to fix. Exit status 1 when something needs fixing.\n";
 
 }  // namespace
