@@ -7,13 +7,13 @@
 #include <atomic>
 #include <cstdio>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "Args.h"
 #include "Commands.h"
 #include "FifoDirectory.h"
 #include "Payload.h"
+#include "base/Mutex.h"
 #include "sable_comm.h"
 
 namespace sablectl {
@@ -26,19 +26,21 @@ struct ServeState {
     bool echo = false;
     bool json = false;
     std::atomic<bool> peerGone{false};
-    std::mutex mu;                       // guards out (stdout) and clients
-    std::map<int, std::string> clients;  // pipe number -> client name
+    // Guards the client names and keeps lines of several workers on stdout whole. The tool's
+    // only lock; no library call is made while it is held.
+    sable::Mutex mu;
+    std::map<int, std::string> clients GUARDED_BY(mu);  // pipe number -> client name
 };
 ServeState state;
 
 void Print(const std::string& line) {
-    std::lock_guard<std::mutex> lock(state.mu);
+    sable::MutexLock lock(state.mu);
     fputs(line.c_str(), stdout);
     fflush(stdout);  // a script reading our output sees every event at once
 }
 
 std::string ClientOf(int fd) {
-    std::lock_guard<std::mutex> lock(state.mu);
+    sable::MutexLock lock(state.mu);
     auto it = state.clients.find(fd);
     return it == state.clients.end() ? "" : it->second;
 }
@@ -46,7 +48,7 @@ std::string ClientOf(int fd) {
 void OnConnect(int fd, SabloClientInfo client) {
     const std::string name = client.name != nullptr ? client.name : "";
     {
-        std::lock_guard<std::mutex> lock(state.mu);
+        sable::MutexLock lock(state.mu);
         state.clients[fd] = name;
     }
     if (state.json) {
@@ -64,7 +66,7 @@ void OnRequest(int fd, SabloRequest* req) {
     if (req == nullptr) {
         state.peerGone = true;
         {
-            std::lock_guard<std::mutex> lock(state.mu);
+            sable::MutexLock lock(state.mu);
             state.clients.erase(fd);
         }
         Print(state.json ? "{\"event\":\"closed\",\"pipe\":" + std::to_string(fd) + "}\n"
