@@ -189,7 +189,7 @@ TEST_F(SablectlTest, LsShowsALivePairWithItsHoldersAndAKilledProcessesPairStaleG
 TEST_F(SablectlTest, GcKeepsARunningServersFifoAndRemovesAStaleOne) {
     const std::string name = UniqueName("ctlsrv");
     const std::string staleName = UniqueName("ctlsrv");
-    leftovers = {staleName};
+    leftovers = {staleName, name};
     ASSERT_EQ(mkfifo((EnsureFifoDir() + staleName).c_str(), 0660), 0);
     ChildProcess server("echo_server", {name});
     ASSERT_EQ(server.ReadLine(), "server 0");
@@ -210,6 +210,8 @@ TEST_F(SablectlTest, GcKeepsARunningServersFifoAndRemovesAStaleOne) {
 
 TEST_F(SablectlTest, CallGetsTheAnswerOfAServerAndOfAPipeService) {
     const std::string name = UniqueName("ctlcall");
+    const std::string svc = UniqueName("ctlsvc"), self = UniqueName("ctlself");
+    leftovers = {name, svc + "__to__" + self, self + "__to__" + svc};  // should a step fail
     ChildProcess server("echo_server", {name});
     ASSERT_EQ(server.ReadLine(), "server 0");
     {
@@ -234,7 +236,6 @@ TEST_F(SablectlTest, CallGetsTheAnswerOfAServerAndOfAPipeService) {
     ASSERT_EQ(server.Wait(), 0);
 
     // A pipe service: the other process created the pair and answers on it.
-    const std::string svc = UniqueName("ctlsvc"), self = UniqueName("ctlself");
     ChildProcess service("pipe_peer", {"echo", svc, self, "1", "0", "0", "1"});
     ASSERT_EQ(service.ReadLine().rfind("ready", 0), 0u);
     Ctl call({"call", svc, "--pipe", "--self", self, "--data", "ping"});
@@ -246,6 +247,8 @@ TEST_F(SablectlTest, CallGetsTheAnswerOfAServerAndOfAPipeService) {
 
 TEST_F(SablectlTest, ServeEchoAnswersALibraryClientAndAPipePeerThenRemovesItsFiles) {
     const std::string name = UniqueName("ctlserve");
+    const std::string peer = UniqueName("ctlpeer");
+    leftovers = {name, name + "__to__" + peer, peer + "__to__" + name};  // should a step fail
     {
         Ctl serve({"serve", name, "--echo"});
         ASSERT_TRUE(serve.OutHas("serving " + name)) << serve.Out() << serve.Err();
@@ -259,7 +262,6 @@ TEST_F(SablectlTest, ServeEchoAnswersALibraryClientAndAPipePeerThenRemovesItsFil
         EXPECT_NE(serve.Out().find("stopped"), std::string::npos);
         EXPECT_FALSE(Exists(name));
     }
-    const std::string peer = UniqueName("ctlpeer");
     Ctl serve({"serve", name, "--pipe", peer, "--echo"});
     ASSERT_TRUE(serve.OutHas("open: " + name + " <-> " + peer)) << serve.Err();
     // The peer joins and sends three requests; it exits 0 once we have closed.
@@ -313,6 +315,7 @@ TEST_F(SablectlTest, BadInputGivesAMessageAndANonZeroStatus) {
     }
     // A server name that another process already serves.
     const std::string name = UniqueName("ctltwice");
+    leftovers = {name};
     ChildProcess server("echo_server", {name});
     ASSERT_EQ(server.ReadLine(), "server 0");
     Ctl second({"serve", name});
