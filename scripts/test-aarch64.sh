@@ -9,13 +9,12 @@ cd "$(dirname "$0")/.."
 
 cross_pkgs=(g++-aarch64-linux-gnu qemu-user pkg-config cmake make
             libselinux1-dev:arm64 libsafec-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
-            libstdc++6:arm64)
+            libstdc++6:arm64)  # the programs run on the arm64 multiarch run time
 sudo_cmd=""
 [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
 if ! dpkg --print-foreign-architectures | grep -qx arm64; then
   echo "adding the arm64 architecture to dpkg"
   $sudo_cmd dpkg --add-architecture arm64
-  $sudo_cmd apt-get update -qq
 fi
 missing=()
 for p in "${cross_pkgs[@]}"; do
