@@ -41,10 +41,16 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
             }
         }
         std::vector<char*> argv;
+        // Under user-mode emulation a peer program of the test build cannot be exec'd
+        // directly: the emulator runs it.
+        const char* emulator = getenv("SABLE_TEST_EMULATOR");
+        if (emulator != nullptr && *emulator != '\0' && program.find('/') == std::string::npos) {
+            argv.push_back(const_cast<char*>(emulator));
+        }
         argv.push_back(const_cast<char*>(path.c_str()));
         for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
         argv.push_back(nullptr);
-        execv(path.c_str(), argv.data());
+        execv(argv[0], argv.data());
         _exit(127);
     }
     close(fds[1]);

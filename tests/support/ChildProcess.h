@@ -9,7 +9,8 @@
 
 namespace sable_test {
 
-// fork/exec of `program` (a path, or a name in TestBinDir()) with `args`. The child dies with
+// fork/exec of `program` (a path, or a name in TestBinDir()) with `args`; a name in TestBinDir()
+// runs through the emulator named by SABLE_TEST_EMULATOR when that is set. The child dies with
 // the test (PR_SET_PDEATHSIG). It reports readiness by writing one line to the descriptor
 // named by the environment variable SABLE_TEST_HANDSHAKE_FD (see SignalReady).
 //

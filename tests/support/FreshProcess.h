@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
@@ -39,18 +40,20 @@ class Problems {
 // the test binary re-executed for the current test only (gtest's "threadsafe" death-test
 // style), so once-per-process state starts unset even when the binary runs every case in one
 // process. The code of the test before this macro runs again in that process: keep it free of
-// such state. The description is shown in the failure message.
-#define SABLE_EXPECT_IN_FRESH_PROCESS(body)                          \
-    do {                                                             \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");              \
-        EXPECT_EXIT(                                                 \
-            {                                                        \
-                std::string sableFreshError = (body)();              \
-                std::fprintf(stderr, "%s", sableFreshError.c_str()); \
-                std::fflush(stderr);                                 \
-                _exit(sableFreshError.empty() ? 0 : 1);              \
-            },                                                       \
-            ::testing::ExitedWithCode(0), "");                       \
+// such state. The description is shown in the failure message. Under user-mode emulation
+// (SABLE_TEST_EMULATOR set) the binary cannot re-execute itself; there the check runs in a fork
+// ("fast" style), which is as fresh because CTest runs every case in a process of its own.
+#define SABLE_EXPECT_IN_FRESH_PROCESS(body)                                                      \
+    do {                                                                                         \
+        GTEST_FLAG_SET(death_test_style, getenv("SABLE_TEST_EMULATOR") ? "fast" : "threadsafe"); \
+        EXPECT_EXIT(                                                                             \
+            {                                                                                    \
+                std::string sableFreshError = (body)();                                          \
+                std::fprintf(stderr, "%s", sableFreshError.c_str());                             \
+                std::fflush(stderr);                                                             \
+                _exit(sableFreshError.empty() ? 0 : 1);                                          \
+            },                                                                                   \
+            ::testing::ExitedWithCode(0), "");                                                   \
     } while (0)
 
 #endif

@@ -171,6 +171,13 @@ TEST_F(FlowTest, GarbageFromAnOutsideWriterCostsFewLinesAndThePipeStaysUsable) {
     ASSERT_EQ(child.ReadLine().rfind("ready ", 0), 0u);
     const int fd = Open(peer, Echo);
     ASSERT_GT(fd, 0);
+    uint8_t payload[64] = {1, 2, 3};
+    SabloRequest req{0, payload, sizeof(payload)};
+    SabloResponse rsp{};
+    // The peer's write end opens with its first answer: until then the outside writer below
+    // would be the FIFO's only writer, and its close a hang-up of the peer.
+    ASSERT_EQ(SabloTimedRPCSync(fd, &req, &rsp, 5000), 0) << "the peer answers";
+    DestroyResponse(&rsp);
 
     sable_test::LogCapture cap;
     const std::string fifo = sable_test::EnsureFifoDir() + peer + "__to__" + self;
@@ -190,9 +197,6 @@ TEST_F(FlowTest, GarbageFromAnOutsideWriterCostsFewLinesAndThePipeStaysUsable) {
     writer.Reset();
     ASSERT_TRUE(WaitUntil([&] { return cap.Count("Recv msg failed, send checksum") > 0; }, 10000));
 
-    uint8_t payload[64] = {1, 2, 3};
-    SabloRequest req{0, payload, sizeof(payload)};
-    SabloResponse rsp{};
     ASSERT_EQ(SabloTimedRPCSync(fd, &req, &rsp, 5000), 0) << "the pipe still answers";
     EXPECT_EQ(rsp.size, sizeof(payload));
     DestroyResponse(&rsp);
