@@ -105,17 +105,6 @@ std::string AClientConnects(const std::string& server) {
     return WaitUntil([&] { return Connected(pipeName); }, 5000) ? "" : "not told of " + pipeName;
 }
 
-// Runs SabloCfgFinishServer on another thread; true when it returned within `ms`. A thread that
-// hangs is left to itself (the fresh process ends with _exit).
-bool FinishWithin(int ms) {
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> finished = done->get_future();
-    std::thread([done] {
-        SabloCfgFinishServer();
-        done->set_value();
-    }).detach();
-    return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
-}
 
 // The bound within which finishing a server returns, whatever its FIFO holds.
 constexpr int kFinishBoundMs = 1000;
@@ -165,7 +154,7 @@ TEST_P(ServerAttack, IsFollowedByAClientThatConnectsAndAFinishWithinTheBound) {
         p.Eq(AClientConnects(name), std::string(), std::string(attack.what) + " again");
         // The stop must get through whatever the attack left in the FIFO.
         p.True(WriteRaw(fifo, attack.bytes), "attack left in the FIFO");
-        p.True(FinishWithin(kFinishBoundMs), "finish within the bound");
+        p.True(sable_test::FinishServerWithin(kFinishBoundMs), "finish within the bound");
         p.True(!SabloServiceIsExist(), "server gone");
         unlink(fifo.c_str());
         return p.Text();
@@ -208,7 +197,7 @@ TEST(ServerAttackName, ASlashNameInAConnectPacketIsRefused) {
         p.True(cap.WaitFor("Intput targetName=" + link + "/v is not valid.\n", 5000), "refused");
         p.Eq(AClientConnects(name), std::string(), "next client");
         p.Eq(rmdir(outside.c_str()), 0, "outside directory still empty");
-        p.True(FinishWithin(kFinishBoundMs), "finish");
+        p.True(sable_test::FinishServerWithin(kFinishBoundMs), "finish");
         unlink((dir + link).c_str());
         unlink((dir + name + "__to__" + link).c_str());
         unlink((dir + name).c_str());
@@ -313,7 +302,7 @@ TEST(GarbageFlood, IntoAServerFifoLogsBoundedLinesAndClientsStillConnect) {
         p.Eq(AClientConnects(name), std::string(), "client after the flood");
         const size_t errors = ErrorLines(cap);
         p.True(errors <= kFloodLineBound, std::to_string(errors) + " error lines");
-        p.True(FinishWithin(kFinishBoundMs), "finish");
+        p.True(sable_test::FinishServerWithin(kFinishBoundMs), "finish");
         unlink(fifo.c_str());
         return p.Text();
     });
@@ -382,7 +371,7 @@ TEST(CloseOnExec, AChildExecdFromALibraryProcessSeesNoneOfItsDescriptors) {
         p.Eq(LibraryDescriptors(inherited), 0, "library descriptors inherited: " + inherited);
         p.Eq(child.Wait(10000), 0, "fd_peer exit");
         SabloClosePipe(fd);
-        p.True(FinishWithin(kFinishBoundMs), "finish");
+        p.True(sable_test::FinishServerWithin(kFinishBoundMs), "finish");
         unlink((dir + name).c_str());
         return p.Text();
     });

@@ -362,17 +362,6 @@ TEST_F(ServerTest, TheExceptionHandlerRemovesThePipeFilesAndTheServerFifo) {
     EXPECT_EQ(SabloClosePipe(fd), 0);
 }
 
-// Runs SabloCfgFinishServer on another thread and reports whether it returned in time. The
-// thread is left to itself when it hangs (the fresh process ends with _exit).
-bool FinishWithin(int ms) {
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> finished = done->get_future();
-    std::thread([done] {
-        SabloCfgFinishServer();
-        done->set_value();
-    }).detach();
-    return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
-}
 
 const std::string lifeName = UniqueName("life") + "x";
 std::atomic<int> phase{0};
@@ -405,7 +394,7 @@ TEST(ServerLifeTest, FinishingStopsTheServerFromAnyThreadAndTheNextStartServesAg
         auto child = Client(UniqueName("cli"), "1", "300");
         p.True(WaitUntil([] { return phase.load() == 1; }, 10000), "in the callback");
         phase = 2;
-        p.True(FinishWithin(10000), "finish returned");
+        p.True(sable_test::FinishServerWithin(10000), "finish returned");
         p.Eq(phase.load(), 3, "callback finished");
         p.Eq(createInCallback.load(), -EEXIST, "create from the callback while stopping");
         p.True(WaitUntil([] { return ServerThreads() == 0; }, 5000), "server thread joined");
@@ -432,7 +421,7 @@ TEST(ServerLifeTest, FinishingStopsTheServerFromAnyThreadAndTheNextStartServesAg
         child = Client(last, "0", "10000");
         p.Eq(child->Wait(10000), 0, "client exit");
         p.True(FdOf(last, *child) > 0, "connected");
-        p.True(FinishWithin(10000), "last finish returned");
+        p.True(sable_test::FinishServerWithin(10000), "last finish returned");
         p.True(WaitUntil([] { return ServerThreads() == 0; }, 5000), "server thread at the end");
         unlink(fifo.c_str());
         return p.Text();

@@ -7,7 +7,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <future>
+#include <memory>
 #include <thread>
+
+#include "sable_comm.h"
 
 namespace sable_test {
 
@@ -68,6 +72,16 @@ std::string TestBinDir() {
     std::string exe(buf, static_cast<size_t>(n));
     return exe.substr(0, exe.rfind('/'));
 #endif
+}
+
+bool FinishServerWithin(int ms) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    std::thread([done] {
+        SabloCfgFinishServer();
+        done->set_value();
+    }).detach();
+    return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
 }
 
 }  // namespace sable_test

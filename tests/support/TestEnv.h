@@ -21,6 +21,9 @@ std::set<std::string> FifoFilesWith(const std::string& needle);
 bool WaitUntil(const std::function<bool()>& pred, int timeoutMs);
 // Directory of the test binaries (peer programs live there).
 std::string TestBinDir();
+// Runs SabloCfgFinishServer on another thread; true when it returned within `ms`. A thread that
+// hangs is left to itself (the fresh process it runs in ends with _exit).
+bool FinishServerWithin(int ms);
 
 }  // namespace sable_test
 
