@@ -271,6 +271,8 @@ TEST(GarbageFlood, IntoAPipeFifoLogsBoundedLinesAndLeavesThePipeUsable) {
         attr.callback = Echo;
         const int fd = SabloOpen(&attr);
         p.True(fd > 0, "open");
+        // The peer's write end open first: an outside writer's close before it would be a hang-up.
+        p.Eq(EchoedRpc(fd), 0, "RPC before the flood");
         LogCapture cap;
         const std::string fifo = dir + peer + "__to__" + self;
         // Garbage with frame starts in it, then frames whose checksum does not add up.
