@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <stdlib.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -128,6 +129,10 @@ int EnvManager::CheckNuxlibPath(const std::string& path) {
 }
 
 int EnvManager::SetEnv(const std::string& name, const std::string& value) {
+    // The C library reads TZ (getenv) at the first local-time conversion of the process, which
+    // the logger makes on any thread, without a lock that setenv respects: it reads it now, so
+    // that no conversion looks at the environment while this changes it.
+    tzset();
     unsetenv(name.c_str());
     if (setenv(name.c_str(), value.c_str(), 0) == -1) {
         return -errno;
