@@ -1,15 +1,17 @@
 #include "env/EnvManager.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
-#include <fstream>
+#include <sstream>
 #include <set>
 
+#include "base/UniqueFd.h"
 #include "base/safe_c.h"
 #include "log/NuxSyslog.h"
 
@@ -74,12 +76,21 @@ int EnvManager::SetProcName(const std::string& name) {
 }
 
 void EnvManager::EnableDefaultProcName() {
-    std::ifstream comm("/proc/" + std::to_string(getpid()) + "/comm");
-    if (!comm.is_open()) {
+    // Read with a close-on-exec descriptor: a thread that execs meanwhile passes nothing on.
+    const std::string path = "/proc/" + std::to_string(getpid()) + "/comm";
+    sable::UniqueFd comm(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!comm.Valid()) {
         return;
     }
+    char text[64] = {0};
+    ssize_t n = read(comm.Get(), text, sizeof(text) - 1);
+    if (n <= 0) {
+        return;
+    }
+    // The first word, as the kernel's name ends with a newline.
+    std::istringstream in(std::string(text, static_cast<size_t>(n)));
     std::string word;
-    comm >> word;
+    in >> word;
     if (word.size() >= 17) {
         return;
     }
