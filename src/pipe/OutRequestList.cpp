@@ -60,9 +60,9 @@ void OutRequestList::Enable() {
 void OutRequestList::Disable() {
     sable::MutexLock lock(mutex);
     valid = false;
-    while (!entries.empty()) {
-        entries.front()->Cancel();
-        entries.pop_front();
-        --count;
+    for (const auto& e : entries) {
+        e->Cancel();
     }
+    entries.clear();
+    count = 0;
 }

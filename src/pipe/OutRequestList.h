@@ -3,8 +3,8 @@
 #define SABLE_PIPE_OUT_REQUEST_LIST_H
 
 #include <cstddef>
-#include <list>
 #include <memory>
+#include <vector>
 
 #include "base/Mutex.h"
 
@@ -29,7 +29,8 @@ class OutRequestList {
 
   private:
     sable::Mutex mutex;  // guards everything below; taken after the pipe's out-request mutex
-    std::list<std::shared_ptr<OutRequest>> entries GUARDED_BY(mutex);
+    // A vector, not a list: its storage is kept, so a send and its response allocate nothing here.
+    std::vector<std::shared_ptr<OutRequest>> entries GUARDED_BY(mutex);
     size_t count GUARDED_BY(mutex) = 0;
     bool valid GUARDED_BY(mutex) = false;
 };
