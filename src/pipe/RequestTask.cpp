@@ -23,8 +23,20 @@ RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, Batch requests, c
     SetHandler(fn);
 }
 
+RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, const SabloRequest& only,
+                         const Handler& fn, int pipeFd)
+    : SableTask(nullptr),
+      pipe(std::move(owner)),
+      single(only),
+      hasSingle(true),
+      fd(pipeFd),
+      queued(true) {
+    SetHandler(fn);
+}
+
 RequestTask::~RequestTask() {
     // Requests of a task dropped before it ran (its worker was cleared).
+    delete[] single.data;
     for (SabloRequest& each : batch) {
         delete[] each.data;
     }
@@ -40,6 +52,13 @@ void RequestTask::SetHandler(const Handler& fn) {
 }
 
 void RequestTask::operator()() const {
+    if (hasSingle) {
+        pipe->RunRequest(&single, *handler, fd);
+        delete[] single.data;
+        single.data = nullptr;
+        pipe->OnQueuedRequestsDone(1);
+        return;
+    }
     if (batch.empty()) {
         pipe->RunRequest(request ? &request->Record() : nullptr, *handler, fd);
         if (queued) {

@@ -31,6 +31,10 @@ class RequestTask final : public SableTask {
     // payloads (new[] arrays) and frees each one after its callback, or when it is destroyed
     // without having run.
     RequestTask(std::shared_ptr<SablePipeImpl> pipe, Batch batch, const Handler& handler, int fd);
+    // A turn that brought one request: as above, with the record held by the task itself, so the
+    // pipe keeps its batch storage for the next turn.
+    RequestTask(std::shared_ptr<SablePipeImpl> pipe, const SabloRequest& only, const Handler& handler,
+                int fd);
     ~RequestTask() override;
     RequestTask(const RequestTask&) = delete;
     RequestTask& operator=(const RequestTask&) = delete;
@@ -43,6 +47,8 @@ class RequestTask final : public SableTask {
     std::shared_ptr<SablePipeImpl> pipe;
     std::shared_ptr<InRequest> request;  // the single request (null: a remote-close notice)
     mutable Batch batch;                 // emptied as it runs
+    mutable SabloRequest single{};       // the one request of a one-request turn (data: owned)
+    bool hasSingle = false;
     Handler copied;
     const Handler* handler;
     int fd;

@@ -757,9 +757,13 @@ void SablePipeImpl::FlushBatch() {
     backlog.fetch_add(count);
     if (self) {
         const int pipeFd = fd.load();
-        // A task that is not queued frees the payloads when it goes.
-        std::shared_ptr<const SableTask> task = std::make_shared<RequestTask>(
-            std::move(self), std::move(batch), serviceHandler, pipeFd);
+        // A task that is not queued frees the payloads when it goes. One request (every RPC)
+        // travels in the task itself, and the batch keeps its storage for the next turn.
+        std::shared_ptr<const SableTask> task =
+            count == 1 ? std::make_shared<RequestTask>(std::move(self), batch.front(),
+                                                       serviceHandler, pipeFd)
+                       : std::make_shared<RequestTask>(std::move(self), std::move(batch),
+                                                       serviceHandler, pipeFd);
         ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
     } else {
         for (SabloRequest& each : batch) {
