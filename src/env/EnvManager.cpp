@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -141,9 +140,9 @@ int EnvManager::CheckNuxlibPath(const std::string& path) {
 
 int EnvManager::SetEnv(const std::string& name, const std::string& value) {
     // The C library reads TZ (getenv) at the first local-time conversion of the process, which
-    // the logger makes on any thread, without a lock that setenv respects: it reads it now, so
-    // that no conversion looks at the environment while this changes it.
-    tzset();
+    // the logger makes on any thread, without a lock that setenv respects: it is read before
+    // the environment changes, so that no conversion looks at it meanwhile.
+    sable::LoadTimeZoneOnce();
     unsetenv(name.c_str());
     if (setenv(name.c_str(), value.c_str(), 0) == -1) {
         return -errno;

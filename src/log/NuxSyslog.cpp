@@ -53,6 +53,7 @@ bool SiteMayPrint(int line, const char* file) {
 }
 
 void BuildStamp(char (&stamp)[kStampSize]) {
+    sable::LoadTimeZoneOnce();
     struct timespec ts {};
     clock_gettime(CLOCK_REALTIME, &ts);
     struct tm local {};
@@ -70,6 +71,11 @@ void BuildStamp(char (&stamp)[kStampSize]) {
 }  // namespace
 
 namespace sable {
+
+void LoadTimeZoneOnce() {
+    static std::once_flag loaded;
+    std::call_once(loaded, [] { tzset(); });
+}
 
 int AppendReversedDigits(char* buf, uint64_t value) {
     size_t pos = 0;

@@ -29,6 +29,11 @@ namespace sable {
 // Appends the decimal digits of `value`, least significant first and without the most
 // significant one, behind the first NUL of the 256-byte `buf`. 0, or -1 when it does not fit.
 int AppendReversedDigits(char* buf, uint64_t value);
+// Has the C library read the time zone (TZ), once per process; later calls return at once. The
+// log's local-time stamps need it, and the environment manager calls it before it changes the
+// environment: once read, a conversion never looks at the environment again, so no thread
+// reads it while setenv moves it. Thread-safe.
+void LoadTimeZoneOnce();
 }  // namespace sable
 
 #ifndef __FILE_NAME__
