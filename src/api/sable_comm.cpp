@@ -252,13 +252,19 @@ int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeou
         return ret;
     }
     LOGI("SendRPCSync id=%u, size=%u bytes\n", req->id, req->size);
+    // Taken before the send, so the response cannot reach the receive thread first.
+    const bool ownRead = pipe->TakeReadSide();
     ret = pipe->Send(*req, timeoutMs);
     if (ret < 0) {
+        if (ownRead) {
+            pipe->ReturnReadSide();
+        }
         LOGE_R("Send req fail, fd=%d, err=%d.\n", fd, ret);
         pipe->RemoveRequest(*req);
         return ret;
     }
-    return pipe->WaitForResponse(*req, *entry, timeoutMs);
+    return ownRead ? pipe->ReadOwnResponse(*req, *entry, timeoutMs)
+                   : pipe->WaitForResponse(*req, *entry, timeoutMs);
 }
 
 int SabloRPCSync(int fd, SabloRequest* req, SabloResponse* resp) {

@@ -39,6 +39,9 @@ std::set<std::string>& Names() {
 std::atomic<const char*> procName{""};
 std::once_flag procNameOnce;
 std::string runMode;  // guarded by EnvManager::Instance()
+// Set (once, under the same lock) when runMode is cached: 1 when it is "1", 2 otherwise. A
+// cached run mode never changes, so it is read from here without the lock.
+std::atomic<int> runModeCached{0};
 
 constexpr const char* kHostDomainName = SABLE_HOST_DOMAIN_NAME;
 constexpr int kLibMajorVersion = 1;
@@ -212,7 +215,27 @@ std::string EnvManager::GetRunMode() {
         const char* env = getenv("DATAGLEN_RUN_MODE");
         if (env != nullptr) {
             runMode = env;
+            if (!runMode.empty()) {
+                runModeCached.store(runMode == "1" ? 1 : 2, std::memory_order_release);
+            }
         }
     }
     return runMode;
+}
+
+bool EnvManager::LongRunMode() {
+    const int cached = runModeCached.load(std::memory_order_acquire);
+    if (cached != 0) {
+        return cached == 1;
+    }
+    std::lock_guard<std::mutex> lock(Instance());
+    if (runMode.empty()) {
+        const char* env = getenv("DATAGLEN_RUN_MODE");
+        if (env == nullptr || *env == '\0') {
+            return false;  // nothing to cache: looked up again next time
+        }
+        runMode = env;
+        runModeCached.store(runMode == "1" ? 1 : 2, std::memory_order_release);
+    }
+    return runMode == "1";
 }

@@ -45,6 +45,9 @@ class EnvManager {
     static bool CheckEnvPreparation();
     // DATAGLEN_RUN_MODE, cached once it was found non-empty.
     static std::string GetRunMode();
+    // True when the run mode (as GetRunMode gives it) is "1". Once a run mode is cached this
+    // takes no lock; until then it looks the variable up as GetRunMode does.
+    static bool LongRunMode();
     // SABLE_WORKER_STACK_KB as a number of KiB; 0 when unset or not a positive number.
     static size_t GetWorkerStackKb();
 

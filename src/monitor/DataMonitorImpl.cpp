@@ -232,7 +232,7 @@ void DataMonitorImpl::RecvRoutine() {
                 struct epoll_event more {};
                 more.events = EPOLLIN;
                 more.data.fd = pipeIdx;
-                Dispatch(pipe, pipeIdx, more, record);
+                Dispatch(pipe, pipeIdx, more, record, true);
             }
         }
         pending.clear();
@@ -248,8 +248,16 @@ std::shared_ptr<SablePipeImpl> DataMonitorImpl::FindPipe(int pipeIdx) {
 
 void DataMonitorImpl::Dispatch(const std::shared_ptr<SablePipeImpl>& pipe, int pipeIdx,
                                const struct epoll_event& event,
-                               SableComm::EpollTimeRecord& record) {
+                               SableComm::EpollTimeRecord& record, bool again) {
     switch (pipe->HandleEvent(event, record)) {
+        case SablePipeImpl::ReceiveResult::BUSY:
+            // Held by a thread reading its own response. Its FIFO is watched again when that
+            // thread is done, and an event comes then; buffered frames are tried next round.
+            if (again && std::find(pendingPipes.begin(), pendingPipes.end(), pipeIdx) ==
+                             pendingPipes.end()) {
+                pendingPipes.push_back(pipeIdx);
+            }
+            break;
         case SablePipeImpl::ReceiveResult::DONE:
             if ((event.events & EPOLLHUP) != 0) {
                 Remove(pipeIdx);
@@ -307,7 +315,14 @@ void DataMonitorImpl::ResumePipes(SableComm::EpollTimeRecord& record) {
         SablePipeImpl::ReceiveResult result = pipe->HandleEvent(resume, record);
         sable::MutexLock lock(tableLock);
         auto it = monitorTable.find(pipeIdx);
-        if (it == monitorTable.end() || !it->second.paused) {
+        if (it == monitorTable.end()) {
+            continue;
+        }
+        if (!it->second.paused) {
+            // Served for what a reader of its own response left buffered.
+            if (result == SablePipeImpl::ReceiveResult::MORE) {
+                pendingPipes.push_back(pipeIdx);
+            }
             continue;
         }
         if (result == SablePipeImpl::ReceiveResult::PAUSED) {
@@ -321,6 +336,52 @@ void DataMonitorImpl::ResumePipes(SableComm::EpollTimeRecord& record) {
         if (result == SablePipeImpl::ReceiveResult::MORE) {
             pendingPipes.push_back(pipeIdx);
         }
+    }
+}
+
+bool DataMonitorImpl::SetAside(int pipeIdx) {
+    sable::MutexLock lock(tableLock);
+    auto it = monitorTable.find(pipeIdx);
+    if (it == monitorTable.end() || it->second.paused || it->second.setAside ||
+        !it->second.pipe || it->second.pipe->GetReadFd() != it->second.readFd) {
+        return false;
+    }
+    // Under the table lock no other descriptor can be registered under this number, so a
+    // FIFO closed meanwhile only makes the change fail.
+    struct epoll_event ev {};
+    ev.events = EPOLLET;
+    ev.data.fd = pipeIdx;
+    if (epoll_ctl(epollFd.load(), EPOLL_CTL_MOD, it->second.readFd, &ev) != 0) {
+        return false;
+    }
+    it->second.setAside = true;
+    return true;
+}
+
+void DataMonitorImpl::TakeBack(int pipeIdx, bool paused, bool buffered) {
+    {
+        sable::MutexLock lock(tableLock);
+        auto it = monitorTable.find(pipeIdx);
+        if (it == monitorTable.end() || !it->second.setAside) {
+            return;
+        }
+        it->second.setAside = false;
+        if (paused && it->second.pipe && it->second.pipe->ReceivePaused()) {
+            // As the receive thread pauses a pipe; its resume comes through RequestResume.
+            it->second.paused = true;
+            RemoveFd(it->second.readFd);
+            return;
+        }
+        struct epoll_event ev {};
+        ev.events = EPOLLIN;
+        ev.data.fd = pipeIdx;
+        // Level-triggered again: frames or a hang-up that came meanwhile are reported at once.
+        if (epoll_ctl(epollFd.load(), EPOLL_CTL_MOD, it->second.readFd, &ev) != 0) {
+            return;  // closed meanwhile: its removal is under way
+        }
+    }
+    if (buffered) {
+        RequestResume(pipeIdx);
     }
 }
 

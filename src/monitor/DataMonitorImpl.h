@@ -36,6 +36,9 @@ struct PipeIdxMgrImpl {
     std::shared_ptr<SablePipeImpl> pipe;
     // The pipe's worker was full: its FIFO is out of the epoll set until it resumes.
     bool paused = false;
+    // A thread waiting for its own response reads the FIFO (SetAside): it stays in the epoll
+    // set edge-triggered on nothing but a hang-up, so new frames do not wake the receive thread.
+    bool setAside = false;
 };
 
 class DataMonitorImpl {
@@ -60,6 +63,15 @@ class DataMonitorImpl {
     // Any thread: the pipe `pipeIdx`, paused because its worker was full, may be read again.
     // The receive thread handles what the pipe has buffered and watches its FIFO again.
     void RequestResume(int pipeIdx);
+    // Any thread: stops watching the FIFO of pipe `pipeIdx` for frames (a hang-up still wakes
+    // the receive thread, which then finds the pipe taken). False, with nothing changed, when
+    // the pipe is unknown, paused, set aside already or its FIFO is not the one registered.
+    bool SetAside(int pipeIdx);
+    // Any thread: watches the FIFO of a pipe set aside again. `paused`: the last turn paused it,
+    // and it stays out of the epoll set while its pipe has not asked to resume since.
+    // `buffered`: whole or partial frames are left in the pipe's buffer, which the receive
+    // thread then handles without waiting for the FIFO.
+    void TakeBack(int pipeIdx, bool paused, bool buffered);
 
     std::shared_ptr<SablePipeImpl> GetPipe(int pipeIdx) const REQUIRES(tableLock);
     int AddFd(int pipeIdx, int readFd);
@@ -82,8 +94,11 @@ class DataMonitorImpl {
     static constexpr int kWakeIdx = -1;
 
     // Receive thread: handles one readiness of pipe `pipeIdx` and keeps its state.
+    // `again`: a pipe served again for frames it has buffered (not an epoll event), which is
+    // tried again on the next round while another thread holds its read side.
     void Dispatch(const std::shared_ptr<SablePipeImpl>& pipe, int pipeIdx,
-                  const struct epoll_event& event, SableComm::EpollTimeRecord& record);
+                  const struct epoll_event& event, SableComm::EpollTimeRecord& record,
+                  bool again = false);
     void ResumePipes(SableComm::EpollTimeRecord& record);
     std::shared_ptr<SablePipeImpl> FindPipe(int pipeIdx);
 

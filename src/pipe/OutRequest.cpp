@@ -1,6 +1,7 @@
 #include "pipe/OutRequest.h"
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <chrono>
 
@@ -14,52 +15,118 @@ void OutTimedRequest::Process(SabloResponse& /*response*/) {
     Cancel();
 }
 
-bool OutTimedRequest::CancelLocked() {
-    count += 1;
-    if (count < 1) {
-        signalled = true;
-        return true;
+bool OutTimedRequest::Claim(bool& slept) {
+    int32_t seen = state.load(std::memory_order_acquire);
+    while (seen == PENDING || seen == SLEEPING || seen == POLLING) {
+        if (state.compare_exchange_weak(seen, CLAIMED, std::memory_order_acquire)) {
+            polled.store(seen == POLLING, std::memory_order_relaxed);
+            slept = seen != PENDING;
+            return true;
+        }
     }
     return false;
 }
 
-void OutTimedRequest::Cancel() {
-    bool wake;
-    {
-        sable::MutexLock lock(mutex);
-        wake = CancelLocked();
+void OutTimedRequest::Wake() {
+    if (!polled.load(std::memory_order_relaxed)) {
+        sable::FutexWake(state, 1);
+        return;
     }
-    // The caller holds a reference to this request, so it outlives a waiter that returns now.
-    if (wake) {
-        woken.Post();
+    if (pthread_equal(poller, pthread_self())) {
+        return;  // released while reading the FIFO itself: it looks at the state next
+    }
+    const uint64_t one = 1;
+    if (write(kickFd, &one, sizeof(one)) < 0) {
+        // Only a full counter refuses, and the poller is woken already then.
+    }
+}
+
+bool OutTimedRequest::StartPolling(int fd) {
+    kickFd = fd;
+    poller = pthread_self();
+    int32_t seen = PENDING;
+    return state.compare_exchange_strong(seen, POLLING, std::memory_order_acq_rel);
+}
+
+void OutTimedRequest::StopPolling() {
+    int32_t seen = POLLING;
+    state.compare_exchange_strong(seen, PENDING, std::memory_order_acq_rel);
+}
+
+bool OutTimedRequest::Finish(bool slept) {
+    // Release: the record written before this is what the waiter reads after seeing DONE.
+    const int32_t before = state.exchange(DONE, std::memory_order_acq_rel);
+    return slept || before == CLAIMED_SLEEPING;
+}
+
+void OutTimedRequest::Cancel() {
+    bool slept = false;
+    if (Claim(slept) && Finish(slept)) {
+        // The caller holds a reference to this request, so it outlives a waiter that returns.
+        Wake();
     }
 }
 
 int OutTimedRequest::Wait() {
-    {
-        sable::MutexLock lock(mutex);
-        count -= 1;
-        if (count >= 0) {
-            return Outcome(0);  // a Cancel came first
+    return WaitUntil(nullptr, true);
+}
+
+int OutTimedRequest::WaitUntil(const timespec* deadline) {
+    return WaitUntil(deadline, false);
+}
+
+int OutTimedRequest::WaitUntil(const timespec* deadline, bool ownBudget) {
+    timespec until{};
+    bool haveDeadline = deadline != nullptr;
+    if (haveDeadline) {
+        until = *deadline;
+    }
+    int32_t seen = state.load(std::memory_order_acquire);
+    for (;;) {
+        switch (seen) {
+            case DONE:
+                return Outcome(0);
+            case WITHDRAWN:
+                return Outcome(-ETIMEDOUT);  // a second wait after giving up
+            case POLLING:  // not reading the FIFO any more: sleeps instead
+            case PENDING:
+                // Marked before sleeping, so that a release knows to wake this thread.
+                if (state.compare_exchange_weak(seen, SLEEPING, std::memory_order_acquire)) {
+                    seen = SLEEPING;
+                }
+                continue;
+            case CLAIMED:
+                if (state.compare_exchange_weak(seen, CLAIMED_SLEEPING,
+                                                std::memory_order_acquire)) {
+                    seen = CLAIMED_SLEEPING;
+                }
+                continue;
+            case CLAIMED_SLEEPING:
+                // A release is filling the record: it ends soon and cannot be withdrawn from,
+                // whatever the budget says.
+                sable::FutexWait(state, CLAIMED_SLEEPING, nullptr);
+                seen = state.load(std::memory_order_acquire);
+                continue;
+            default:
+                break;  // SLEEPING
         }
-        signalled = false;
+        // The clock is read only when the thread has to sleep.
+        if (ownBudget && timeoutMs >= 0 && !haveDeadline) {
+            until = sable::ToMonotonic(std::chrono::steady_clock::now() +
+                                       std::chrono::milliseconds(timeoutMs));
+            haveDeadline = true;
+        }
+        // Spurious wake-ups cannot end the wait early: only a release or the deadline does.
+        const int err = sable::FutexWait(state, SLEEPING, haveDeadline ? &until : nullptr);
+        seen = state.load(std::memory_order_acquire);
+        if (err == ETIMEDOUT && seen == SLEEPING &&
+            state.compare_exchange_strong(seen, WITHDRAWN, std::memory_order_acq_rel)) {
+            break;
+        }
+        // Otherwise released meanwhile (also between the time-out and this look), or woken
+        // early: look again.
     }
-    // Spurious wake-ups cannot end the wait early: the semaphore is posted only together with
-    // `signalled`, so without limit this returns only once released (a late response could
-    // otherwise still be written into the caller's record).
-    if (timeoutMs < 0) {
-        woken.WaitUntil(nullptr);
-    } else {
-        woken.WaitFor(std::chrono::milliseconds(timeoutMs));
-    }
-    sable::MutexLock lock(mutex);
-    if (signalled) {
-        return Outcome(0);  // also when the release came between the time-out and this lock
-    }
-    count += 1;  // the wait is withdrawn, so a late Cancel leaves no stale release
-    withdrawn = true;
     const int rc = Outcome(-ETIMEDOUT);
-    lock.Unlock();
     if (auto owner = pipe.lock()) {
         owner->OnRequestCancelled(request);
     }
@@ -80,25 +147,20 @@ void OutSyncTimedRequest::Process(SabloResponse& received) {
 }
 
 bool OutSyncTimedRequest::Deliver(SabloResponse& received) {
-    sable::MutexLock lock(mutex);
-    if (withdrawn) {
+    bool slept = false;
+    if (!Claim(slept)) {
+        // Given up on (or released) already: the caller's record is not ours to touch.
         delete[] received.data;
         received.data = nullptr;
         return false;
     }
     *response = received;
-    return CancelLocked();
+    return Finish(slept);
 }
 
 int OutSyncTimedRequest::Outcome(int rc) {
     if (rc < 0) {
-        // Withdrawn: a response that came anyway is not the caller's any more.
-        if (response->data != nullptr) {
-            delete[] response->data;
-            response->data = nullptr;
-            response->size = 0;
-        }
-        return rc;
+        return rc;  // withdrawn before any release could fill the record
     }
     return response->data != nullptr ? 0 : -EPIPE;
 }

@@ -2,7 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -577,6 +580,10 @@ SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event
     if ((event.events & (EPOLLIN | EPOLLHUP)) == 0) {
         return ReceiveResult::DONE;
     }
+    int holder = READ_FREE;
+    if (!readOwner.compare_exchange_strong(holder, READ_MONITOR, std::memory_order_acquire)) {
+        return ReceiveResult::BUSY;  // a thread reads its own response (TakeReadSide)
+    }
     ReceiveResult result = Turn(hangUp, record);
     FlushBatch();
     if (result == ReceiveResult::DONE && hangUp) {
@@ -584,7 +591,135 @@ SablePipeImpl::ReceiveResult SablePipeImpl::HandleEvent(const struct epoll_event
              readFd.load());
         HandleRemoteClosed();
     }
+    readOwner.store(READ_FREE, std::memory_order_release);
     return result;
+}
+
+// ---------------------------------------------------------------- own response
+
+namespace {
+
+// The calling thread's eventfd, through which a close from another thread wakes it while it
+// polls a FIFO for its own response. Made on the first such wait; -1 when it cannot be.
+int OwnKickFd() {
+    struct KickFd {
+        int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        ~KickFd() {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+    };
+    thread_local KickFd kick;
+    return kick.fd;
+}
+
+timespec Later(const timespec& from, int ms) {
+    timespec at = from;
+    at.tv_sec += ms / 1000;
+    at.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (at.tv_nsec >= 1000000000L) {
+        at.tv_sec += 1;
+        at.tv_nsec -= 1000000000L;
+    }
+    return at;
+}
+
+// `until` - `now`, or false when it has passed.
+bool Until(const timespec& until, const timespec& now, timespec& left) {
+    left.tv_sec = until.tv_sec - now.tv_sec;
+    left.tv_nsec = until.tv_nsec - now.tv_nsec;
+    if (left.tv_nsec < 0) {
+        left.tv_sec -= 1;
+        left.tv_nsec += 1000000000L;
+    }
+    return left.tv_sec >= 0 && (left.tv_sec > 0 || left.tv_nsec > 0);
+}
+
+}  // namespace
+
+bool SablePipeImpl::TakeReadSide() {
+    if (receivePaused.load(std::memory_order_relaxed) || closeFdAction.load() != 1 ||
+        OwnKickFd() < 0 || !observer.OnPipeSetAside(fd.load(), dataMonitorType)) {
+        return false;
+    }
+    // Set aside first: from here on new frames do not wake the receive thread, so it cannot
+    // keep finding the pipe taken while this thread is between the two steps.
+    int holder = READ_FREE;
+    if (readOwner.compare_exchange_strong(holder, READ_OWN, std::memory_order_acquire)) {
+        if (inBuffer.Available() == 0 && batch.empty() && !receivePaused.load()) {
+            return true;
+        }
+        readOwner.store(READ_FREE, std::memory_order_release);  // frames left to the receive thread
+    }
+    observer.OnPipeTakenBack(fd.load(), dataMonitorType, false, false);
+    return false;
+}
+
+void SablePipeImpl::ReturnReadSide(ReceiveResult last) {
+    const bool buffered = inBuffer.Available() > 0;
+    readOwner.store(READ_FREE, std::memory_order_release);
+    observer.OnPipeTakenBack(fd.load(), dataMonitorType, last == ReceiveResult::PAUSED, buffered);
+}
+
+int SablePipeImpl::ReadOwnResponse(const SabloRequest& request, OutRequest& entry, int timeoutMs) {
+    const int budget = entry.BudgetMs();
+    timespec deadline{};
+    if (budget >= 0) {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        deadline = Later(now, budget);
+    }
+    const int kick = OwnKickFd();
+    const int rfd = readFd.load();
+    ReceiveResult last = ReceiveResult::DONE;
+    if (entry.StartPolling(kick)) {
+        SableComm::EpollTimeRecord record;
+        struct pollfd fds[2] = {{rfd, POLLIN, 0}, {kick, POLLIN, 0}};
+        while (!entry.Released()) {
+            timespec left{};
+            if (budget >= 0) {
+                timespec now{};
+                clock_gettime(CLOCK_MONOTONIC, &now);
+                if (!Until(deadline, now, left)) {
+                    break;  // the budget ran out: the wait below withdraws the request
+                }
+            }
+            int n = ppoll(fds, 2, budget >= 0 ? &left : nullptr, nullptr);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n <= 0) {
+                break;
+            }
+            if ((fds[1].revents & POLLIN) != 0) {
+                uint64_t count = 0;
+                if (read(kick, &count, sizeof(count)) < 0) {
+                    // Taken by an earlier look: nothing to do.
+                }
+            }
+            if (readFd.load() != rfd || closeFdAction.load() != 1) {
+                break;  // closed meanwhile; the close releases the request
+            }
+            if ((fds[0].revents & POLLIN) != 0) {
+                // Exactly the receive thread's turn: the same reads, lines and dispatch.
+                do {
+                    last = Turn(false, record);
+                    FlushBatch();
+                } while (last == ReceiveResult::MORE);
+                if (last == ReceiveResult::PAUSED) {
+                    break;
+                }
+                continue;
+            }
+            if ((fds[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+                break;  // the remote has gone: the receive thread handles the close
+            }
+        }
+        entry.StopPolling();
+    }
+    ReturnReadSide(last);
+    return WaitResult(request, entry.WaitUntil(budget >= 0 ? &deadline : nullptr), timeoutMs);
 }
 
 SablePipeImpl::ReceiveResult SablePipeImpl::Turn(bool hangUp, SableComm::EpollTimeRecord& record) {
@@ -836,9 +971,9 @@ int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& respon
 
 int SablePipeImpl::RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs,
                                     std::shared_ptr<OutRequest>& entry) {
-    std::string runMode = EnvManager::GetRunMode();
-    LOGI("RUN_MODE=%s", runMode.c_str());
-    int budget = runMode == "1" ? kLongRunModeMs : timeoutMs;
+    const bool longRunMode = EnvManager::LongRunMode();
+    LOGI("RUN_MODE=%s", longRunMode ? "1" : EnvManager::GetRunMode().c_str());
+    int budget = longRunMode ? kLongRunModeMs : timeoutMs;
     request.id = AllocateId();
     auto out =
         std::make_shared<OutSyncTimedRequest>(shared_from_this(), request.id, response, budget);

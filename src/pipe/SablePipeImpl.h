@@ -100,6 +100,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
         MORE,    // whole frames are still buffered: call again soon, without an event
         PAUSED,  // the pipe's worker is full: stop watching the FIFO until the pipe asks to
                  // resume (PipeObserver::OnPipeResume); its frames wait in the FIFO
+        BUSY,    // a thread waiting for its response reads the FIFO itself (ReadOwnResponse):
+                 // nothing was read; the FIFO is watched again once that thread is done
     };
     // Receive thread: one read of what the FIFO holds, then every whole frame it brought (at
     // most FRAMES_PER_TURN, so one busy pipe cannot hold up the others); on a hang-up every
@@ -158,6 +160,19 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int RecordOutRequest(SabloRequest& request, SabloResponse& response, int timeoutMs,
                          std::shared_ptr<OutRequest>& entry);
     int WaitForResponse(const SabloRequest& request, OutRequest& entry, int timeoutMs);
+    // For a synchronous RPC, before its request is sent: the calling thread takes over the
+    // pipe's read side from the receive thread, so that the response wakes it directly rather
+    // than through the receive thread (one thread hand-off less per RPC). False, with nothing
+    // changed, when another thread has it, the receive thread is reading the pipe, the pipe
+    // has paused or holds unread frames, or the receive thread cannot set it aside.
+    bool TakeReadSide();
+    // After TakeReadSide and a successful send: reads and handles every frame the FIFO brings,
+    // exactly as the receive thread would, until `entry` is released, the budget runs out or
+    // the FIFO hangs up; then hands the read side back and finishes as WaitForResponse does.
+    // A close from another thread ends it at once.
+    int ReadOwnResponse(const SabloRequest& request, OutRequest& entry, int timeoutMs);
+    // Hands the read side back without reading (the send failed).
+    void ReturnReadSide() { ReturnReadSide(ReceiveResult::DONE); }
 
     // --- close ---
     // Closes both descriptors and removes the FIFO files this end owns; idempotent.
@@ -185,6 +200,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int GetReadFd() const { return readFd.load(std::memory_order_relaxed); }
     int GetWriteFd() const { return writeFd.load(std::memory_order_relaxed); }
     int GetCloseFdAction() const { return closeFdAction.load(); }
+    // The receive side stopped for a full worker and has not been asked to resume yet.
+    bool ReceivePaused() const { return receivePaused.load(); }
     const std::string& GetWriteFifoName() const { return writeFifoName; }
     const std::string& GetReadFifoName() const { return readFifoName; }
 
@@ -206,6 +223,9 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
     // Logs a failed wait's result; returns it.
     int WaitResult(const SabloRequest& request, int ret, int timeoutMs);
+    // Gives the read side back to the receive thread after `last`, the result of the last
+    // turn (PAUSED: the pipe stays out of the epoll set until it resumes).
+    void ReturnReadSide(ReceiveResult last);
 
     // Descriptors are atomics so lock-free readers (logs, checks) stay race-free; they are only
     // changed, and only used for I/O, under fdMutex.
@@ -255,7 +275,12 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // whether the receive side stopped reading for them.
     std::atomic<uint32_t> backlog{0};
     std::atomic<bool> receivePaused{false};
-    // Read and not yet parsed; receive thread only.
+    // Who reads the FIFO: nobody (READ_FREE), the receive thread during a turn, or a thread
+    // waiting for its own response (TakeReadSide). Taking it (acquire) and giving it back
+    // (release) hand over inBuffer and batch, which only the holder touches.
+    enum : int { READ_FREE, READ_MONITOR, READ_OWN };
+    std::atomic<int> readOwner{READ_FREE};
+    // Read and not yet parsed; the read side's holder only.
     FrameBuffer inBuffer;
     // Requests read during the present turn, not yet queued; receive thread only.
     // Their payloads (new[] arrays) are owned here until the batch's task takes them. Grown as

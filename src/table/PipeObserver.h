@@ -51,6 +51,13 @@ class PipeObserver {
     // A pipe whose receive side paused (its worker was full) may be read again: the receive
     // thread of its monitor type resumes it.
     virtual void OnPipeResume(int /*fd*/, DataMonitorType /*type*/) {}
+    // A thread waiting for its response reads pipe `fd` itself: the receive thread of its
+    // monitor type stops watching the FIFO for frames. False when it cannot (DataMonitorImpl::
+    // SetAside), and then nothing changed.
+    virtual bool OnPipeSetAside(int /*fd*/, DataMonitorType /*type*/) { return false; }
+    // And watches it again (DataMonitorImpl::TakeBack).
+    virtual void OnPipeTakenBack(int /*fd*/, DataMonitorType /*type*/, bool /*paused*/,
+                                 bool /*buffered*/) {}
     virtual ~PipeObserver() = default;
 };
 

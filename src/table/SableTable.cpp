@@ -337,6 +337,19 @@ void SableTable::OnPipeResume(int fd, DataMonitorType type) {
     }
 }
 
+bool SableTable::OnPipeSetAside(int fd, DataMonitorType type) {
+    sable::MutexLock lock(monitorLock);
+    return type >= 0 && type < DATA_MONITOR_TYPE_NUM && monitors[type] &&
+           monitors[type]->SetAside(fd);
+}
+
+void SableTable::OnPipeTakenBack(int fd, DataMonitorType type, bool paused, bool buffered) {
+    sable::MutexLock lock(monitorLock);
+    if (type >= 0 && type < DATA_MONITOR_TYPE_NUM && monitors[type]) {
+        monitors[type]->TakeBack(fd, paused, buffered);
+    }
+}
+
 int SableTable::OnWaitForWriter(const std::shared_ptr<SablePipeImpl>& pipe, int timeoutMs) {
     return writeOpener ? writeOpener->Add(pipe, timeoutMs) : -EACCES;
 }

@@ -68,6 +68,8 @@ class SableTable : public PipeObserver {
     int OnRequestTaskIn(const std::string& workerKey, std::shared_ptr<const SableTask>& task,
                         SabloPriority priority) override;
     void OnPipeResume(int fd, DataMonitorType type) override;
+    bool OnPipeSetAside(int fd, DataMonitorType type) override;
+    void OnPipeTakenBack(int fd, DataMonitorType type, bool paused, bool buffered) override;
     int OnWaitForWriter(const std::shared_ptr<SablePipeImpl>& pipe, int timeoutMs) override;
     // Creating ends still waiting for their peer to read (diagnostics and tests).
     size_t PendingWriteOpens() const;

@@ -1,0 +1,153 @@
+// A thread making a synchronous RPC reads the pipe's FIFO itself while it waits: between two
+// real processes it still serves every frame the way the receive thread would (the peer's
+// requests reach the callback in order, other threads' responses reach them), and a time-out,
+// a close from another thread and the peer's death each end its wait.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "TestEnv.h"
+#include "sable_comm.h"
+
+namespace {
+
+using sable_test::ChildProcess;
+using sable_test::LogCapture;
+using sable_test::UniqueName;
+using sable_test::WaitUntil;
+
+std::atomic<int> requestsSeen{0};
+
+void Echo(int fd, SabloRequest* req) {
+    if (req == nullptr) return;
+    requestsSeen++;
+    SabloResponse rsp{req->id, req->data, req->size};
+    SabloSendResponse(fd, &rsp);
+}
+
+void Ignore(int, SabloRequest*) {}
+
+class OwnResponseTest : public ::testing::Test {
+  protected:
+    void SetUp() override { sable_test::EnsureFifoDir(); }
+    void TearDown() override {
+        EXPECT_TRUE(WaitUntil([&] { return sable_test::FifoFilesWith(self).empty(); }, 10000));
+    }
+    int Open(const std::string& target, SabloCallback callback) {
+        SabloAttr attr;
+        attr.selfName = self.c_str();
+        attr.targetName = target.c_str();
+        attr.mode = SABLO_MODE_JOIN;
+        attr.timeout = 10000;
+        attr.priority = SABLO_PRIORITY_DEFAULT;
+        attr.callback = std::move(callback);
+        return SabloOpen(&attr);
+    }
+    // An RPC without a time limit, on its own thread.
+    std::future<int> CallWithoutLimit(int fd, SabloResponse& rsp) {
+        return std::async(std::launch::async, [fd, &rsp] {
+            uint8_t byte = 7;
+            SabloRequest req{0, &byte, 1};
+            return SabloRPCSync(fd, &req, &rsp);
+        });
+    }
+
+    const std::string self = UniqueName("own");
+};
+
+// The peer makes 200 RPCs to us while four threads of ours make 100 each to it, on one pipe:
+// whichever thread reads a frame, each response reaches its caller and each request our
+// callback.
+TEST_F(OwnResponseTest, CallersReadingTheFifoServeThePeersRequestsAndEachOthersResponses) {
+    const std::string peer = UniqueName("twoway");
+    ChildProcess child("sable_peer", {"call", peer, self, "1", "200"});
+    ASSERT_EQ(child.ReadLine().rfind("ready ", 0), 0u);
+    requestsSeen = 0;
+    const int fd = Open(peer, Echo);
+    ASSERT_GT(fd, 0);
+
+    std::vector<std::future<int>> callers;
+    for (int t = 0; t < 4; ++t) {
+        callers.push_back(std::async(std::launch::async, [fd, t] {
+            std::vector<uint8_t> payload(4000);
+            for (int i = 0; i < 100; ++i) {
+                const uint32_t size = i % 2 == 0 ? 64 : 4000;
+                for (uint32_t b = 0; b < size; ++b) {
+                    payload[b] = static_cast<uint8_t>(t * 31 + i + b);
+                }
+                SabloRequest req{0, payload.data(), size};
+                SabloResponse rsp{};
+                if (SabloTimedRPCSync(fd, &req, &rsp, 10000) != 0) return 1;
+                const bool same = rsp.size == size && memcmp(rsp.data, payload.data(), size) == 0;
+                DestroyResponse(&rsp);
+                if (!same) return 2;  // another caller's answer
+            }
+            return 0;
+        }));
+    }
+    for (auto& caller : callers) {
+        ASSERT_EQ(caller.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+        EXPECT_EQ(caller.get(), 0);
+    }
+    EXPECT_EQ(child.Wait(60000), 0) << "the peer's RPCs all came back";
+    EXPECT_EQ(requestsSeen.load(), 200);
+    SabloClosePipe(fd);
+}
+
+TEST_F(OwnResponseTest, ATimeOutACloseAndThePeersDeathEachEndTheWait) {
+    LogCapture cap;
+    const std::string quiet = UniqueName("mute");
+    ChildProcess child("sable_peer", {"mute", quiet, self, "1"});
+    ASSERT_EQ(child.ReadLine().rfind("ready ", 0), 0u);
+    int fd = Open(quiet, Ignore);
+    ASSERT_GT(fd, 0);
+
+    uint8_t byte = 1;
+    SabloRequest req{0, &byte, 1};
+    SabloResponse rsp{};
+    EXPECT_EQ(SabloTimedRPCSync(fd, &req, &rsp, 50), -ETIMEDOUT);
+    EXPECT_TRUE(cap.Contains("SabloRPC WaitForResponse timeout, id=" + std::to_string(req.id) +
+                             ",size=1,timeout=50 ms,err=-110"));
+    EXPECT_EQ(rsp.data, nullptr);
+    EXPECT_EQ(child.ReadLine().rfind("request ", 0), 0u);
+
+    // Closed by another thread while the caller sleeps in the FIFO's poll. The peer is stopped,
+    // so that its end of the FIFO stays open and only the close itself can end the wait.
+    auto closed = CallWithoutLimit(fd, rsp);
+    EXPECT_EQ(child.ReadLine().rfind("request ", 0), 0u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    child.Kill(SIGSTOP);
+    EXPECT_EQ(SabloClosePipe(fd), 0);
+    const auto ended = closed.wait_for(std::chrono::seconds(5));
+    child.Kill(SIGCONT);
+    ASSERT_EQ(ended, std::future_status::ready);
+    EXPECT_EQ(closed.get(), -EPIPE);
+    EXPECT_EQ(child.Wait(20000), 0) << "the peer saw the close";
+
+    // The peer killed while the caller waits.
+    const std::string doomed = UniqueName("doomed");
+    ChildProcess victim("sable_peer", {"mute", doomed, self, "1"});
+    ASSERT_EQ(victim.ReadLine().rfind("ready ", 0), 0u);
+    fd = Open(doomed, Ignore);
+    ASSERT_GT(fd, 0);
+    auto orphaned = CallWithoutLimit(fd, rsp);
+    EXPECT_EQ(victim.ReadLine().rfind("request ", 0), 0u);
+    victim.ExpectExit(128 + SIGKILL);
+    victim.Kill(SIGKILL);
+    ASSERT_EQ(orphaned.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(orphaned.get(), -EPIPE);
+    EXPECT_EQ(rsp.data, nullptr);
+    SabloClosePipe(fd);  // this end saw the hang-up and removes the files of the pair
+}
+
+}  // namespace
