@@ -1,12 +1,14 @@
 // The other process of the flow and recovery tests, through the public interface only.
 //
-//   stream_peer send SELF TARGET MODE COUNT SIZE
-//       send COUNT one-way requests of SIZE bytes (>= 4) whose first 4 bytes are 0..COUNT-1,
+//   stream_peer send SELF TARGET MODE COUNT SIZE [START_MS ANSWER_MS]
+//       START_MS after the open (default 0), send COUNT one-way requests of SIZE bytes (>= 4) whose first 4 bytes are 0..COUNT-1,
 //       retrying while the FIFO is full (-EAGAIN) or not yet read (-ENXIO); report "eagain" at
 //       the first -EAGAIN and "sent <n>" once all went (or "stopped <n>" when the remote went
 //       away: -EPIPE). Exit 0 once the remote has closed (3 when it has not within 30 s).
+//       Requests are answered ANSWER_MS after they came (default 0).
 //   stream_peer echo SELF TARGET MODE
 //       answer every request with its own payload until killed; exit 3 after 60 s.
+// Every mode answers requests with their own payload, retrying while the FIFO is full.
 //   stream_peer serve NAME
 //       a server NAME whose client pipes answer every request with its own payload; report
 //       "server <result of SabloCreateServer>" and serve until killed; exit 3 after 120 s.
@@ -29,14 +31,19 @@
 namespace {
 
 std::atomic<bool> remoteClosed{false};
+int answerDelayMs = 0;
 
 void Echo(int fd, SabloRequest* req) {
     if (req == nullptr) {
         remoteClosed = true;
         return;
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(answerDelayMs));
     SabloResponse rsp{req->id, req->data, req->size};
-    SabloSendResponse(fd, &rsp);
+    // A full FIFO (the other end paused) is waited out for a while, as a sender would.
+    for (int tries = 0; SabloSendResponse(fd, &rsp) == -EAGAIN && tries < 100000; ++tries) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
 }
 
 int Open(const char* self, const char* target, const char* mode, SabloCallback cb) {
@@ -59,8 +66,10 @@ bool WaitFor(const std::atomic<bool>& flag, int seconds) {
     return flag;
 }
 
-int Send(const char* self, const char* target, const char* mode, uint32_t count, uint32_t size) {
+int Send(const char* self, const char* target, const char* mode, uint32_t count, uint32_t size,
+         int startMs) {
     int fd = Open(self, target, mode, Echo);
+    std::this_thread::sleep_for(std::chrono::milliseconds(startMs));
     std::vector<uint8_t> payload(size < 4 ? 4 : size, 0x5a);
     bool reported = false;
     uint32_t seq = 0;
@@ -85,9 +94,10 @@ int Send(const char* self, const char* target, const char* mode, uint32_t count,
 
 int main(int argc, char** argv) {
     const std::string cmd = argc > 1 ? argv[1] : "";
-    if (cmd == "send" && argc == 7) {
+    if (cmd == "send" && (argc == 7 || argc == 9)) {
+        answerDelayMs = argc == 9 ? atoi(argv[8]) : 0;
         return Send(argv[2], argv[3], argv[4], static_cast<uint32_t>(atoi(argv[5])),
-                    static_cast<uint32_t>(atoi(argv[6])));
+                    static_cast<uint32_t>(atoi(argv[6])), argc == 9 ? atoi(argv[7]) : 0);
     }
     if (cmd == "echo" && argc == 5) {
         Open(argv[2], argv[3], argv[4], Echo);

@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <cstring>
 #include <future>
 #include <string>
@@ -36,6 +38,25 @@ void Echo(int fd, SabloRequest* req) {
 }
 
 void Ignore(int, SabloRequest*) {}
+
+// Sequence numbers of the one-way requests received, in order; each callback waits for the
+// gate (bounded, so a failing test cannot hang).
+struct Gate {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::vector<uint32_t> seqs;
+    bool open = false;
+};
+Gate* gate = nullptr;
+
+void HoldAtGate(int, SabloRequest* req) {
+    if (req == nullptr) return;
+    std::unique_lock<std::mutex> lock(gate->mu);
+    uint32_t seq = 0;
+    memcpy(&seq, req->data, sizeof(seq));
+    gate->seqs.push_back(seq);
+    gate->cv.wait_for(lock, std::chrono::seconds(30), [] { return gate->open; });
+}
 
 class OwnResponseTest : public ::testing::Test {
   protected:
@@ -102,6 +123,57 @@ TEST_F(OwnResponseTest, CallersReadingTheFifoServeThePeersRequestsAndEachOthersR
     EXPECT_EQ(child.Wait(60000), 0) << "the peer's RPCs all came back";
     EXPECT_EQ(requestsSeen.load(), 200);
     SabloClosePipe(fd);
+}
+
+// The peer starts flooding one-way requests 300 ms after the open and answers an RPC only after
+// 600 ms, while our callback is held: the caller that reads the FIFO for its response hands the
+// flood to the worker until it is full, and the pipe then pauses. Once the callback is let go,
+// the RPC's response comes behind the flood, and every request arrives once, in order.
+TEST_F(OwnResponseTest, AFloodWhileACallerReadsPausesThePipeAndLosesNothing) {
+    Gate held;
+    gate = &held;
+    const std::string flooder = UniqueName("flood");
+    constexpr uint32_t kCount = 3000;
+    ChildProcess child("stream_peer",
+                       {"send", flooder, self, "1", std::to_string(kCount), "64", "300", "600"});
+    ASSERT_EQ(child.ReadLine().rfind("ready ", 0), 0u);
+    const int fd = Open(flooder, HoldAtGate);
+    ASSERT_GT(fd, 0);
+    auto rpc = std::async(std::launch::async, [fd] {
+        uint8_t byte = 9;
+        SabloRequest req{0, &byte, 1};
+        SabloResponse rsp{};
+        int ret = SabloTimedRPCSync(fd, &req, &rsp, 30000);
+        const bool same = ret == 0 && rsp.size == 1 && rsp.data[0] == 9;
+        DestroyResponse(&rsp);
+        return ret != 0 ? ret : (same ? 0 : 1);
+    });
+    EXPECT_EQ(child.ReadLine(20000), "eagain") << "the pipe paused and the FIFO filled";
+    EXPECT_EQ(rpc.wait_for(std::chrono::milliseconds(700)), std::future_status::timeout)
+        << "the response is behind the held requests";
+    {
+        std::lock_guard<std::mutex> lock(held.mu);
+        held.open = true;
+    }
+    held.cv.notify_all();
+    ASSERT_EQ(rpc.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(rpc.get(), 0);
+    EXPECT_EQ(child.ReadLine(20000), "sent " + std::to_string(kCount));
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+            std::lock_guard<std::mutex> lock(held.mu);
+            return held.seqs.size() >= kCount;
+        },
+        20000));
+    {
+        std::lock_guard<std::mutex> lock(held.mu);
+        ASSERT_EQ(held.seqs.size(), kCount);
+        for (uint32_t i = 0; i < kCount; ++i) {
+            ASSERT_EQ(held.seqs[i], i) << "every request once, in order";
+        }
+    }
+    SabloClosePipe(fd);
+    EXPECT_EQ(child.Wait(20000), 0);
 }
 
 TEST_F(OwnResponseTest, ATimeOutACloseAndThePeersDeathEachEndTheWait) {
