@@ -3,10 +3,13 @@
 #ifndef SABLE_BASE_MUTEX_H
 #define SABLE_BASE_MUTEX_H
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
-#include <shared_mutex>
+
+#include "base/Futex.h"
 
 #if defined(__clang__)
 #define SABLE_TSA(x) __attribute__((x))
@@ -78,15 +81,63 @@ class CondVar {
     std::condition_variable cv;
 };
 
+// Readers-writer lock on one futex word: a shared lock and its release are one atomic addition
+// each when no writer holds the lock (the common case: every frame written or read takes one).
+// Readers go first, as with the C library's default: a reader never waits for a writer that
+// only waits, so a thread may take the shared side again while it holds it. Writers take turns
+// on a mutex of their own, then wait for the readers to leave.
 class CAPABILITY("shared_mutex") SharedMutex {
   public:
-    void Lock() ACQUIRE() { mu.lock(); }
-    void Unlock() RELEASE() { mu.unlock(); }
-    void LockShared() ACQUIRE_SHARED() { mu.lock_shared(); }
-    void UnlockShared() RELEASE_SHARED() { mu.unlock_shared(); }
+    void Lock() ACQUIRE() {
+        writers.lock();
+        int32_t seen = state.load(std::memory_order_relaxed);
+        for (;;) {
+            if ((seen & kReaders) == 0) {
+                if (state.compare_exchange_weak(seen, kHeld, std::memory_order_acquire)) {
+                    return;
+                }
+                continue;
+            }
+            // Announced before sleeping, so that the last reader to leave wakes this writer.
+            if ((seen & kWaiting) == 0 &&
+                !state.compare_exchange_weak(seen, seen | kWaiting, std::memory_order_relaxed)) {
+                continue;
+            }
+            FutexWait(state, seen | kWaiting, nullptr);
+            seen = state.load(std::memory_order_relaxed);
+        }
+    }
+    void Unlock() RELEASE() {
+        state.fetch_and(~kHeld, std::memory_order_release);
+        writers.unlock();
+        FutexWake(state, INT32_MAX);  // readers that came while it was held
+    }
+    void LockShared() ACQUIRE_SHARED() {
+        for (;;) {
+            const int32_t before = state.fetch_add(1, std::memory_order_acquire);
+            if ((before & kHeld) == 0) {
+                return;
+            }
+            const int32_t now = state.fetch_sub(1, std::memory_order_relaxed) - 1;
+            if ((now & kHeld) != 0) {
+                FutexWait(state, now, nullptr);
+            }
+        }
+    }
+    void UnlockShared() RELEASE_SHARED() {
+        const int32_t now = state.fetch_sub(1, std::memory_order_release) - 1;
+        if (now == kWaiting) {
+            FutexWake(state, INT32_MAX);  // the last reader, and a writer waits
+        }
+    }
 
   private:
-    std::shared_mutex mu;
+    static constexpr int32_t kHeld = 1 << 30;     // a writer holds the lock
+    static constexpr int32_t kWaiting = 1 << 29;  // a writer waits for the readers to leave
+    static constexpr int32_t kReaders = kWaiting - 1;
+
+    std::atomic<int32_t> state{0};
+    std::mutex writers;
 };
 
 class SCOPED_CAPABILITY WriterLock {
