@@ -31,11 +31,16 @@ enum class Found { PIPE, NO_TABLE, NO_PIPE };
 
 // The table and the pipe numbered `fd`, for the send functions: from this thread's cache while
 // it still holds for `fd`, otherwise by the table's lookups (and then remembered). Each caller
-// logs a miss with its own line.
-Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
+// logs a miss with its own line. `withTable`: the caller needs the table itself, not only the
+// pipe; a plain send does not (its path never reaches the table), so from the cache it gets the
+// pipe alone, while the table is alive.
+Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe,
+               bool withTable = true) {
     if (fd >= 1 && sendCache.fd == fd && TableFactory::IsAlive()) {
-        table = sendCache.table.lock();
-        if (table) {
+        if (withTable) {
+            table = sendCache.table.lock();
+        }
+        if (!withTable || table) {
             pipe = sendCache.pipe.lock();
             if (pipe && pipe->InTable()) {
                 return Found::PIPE;
@@ -191,7 +196,7 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
     LOGI("SendRequest id=%u, size=%u bytes\n", req->id, req->size);
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe)) {
+    switch (FindPipe(fd, table, pipe, false)) {
         case Found::NO_TABLE:
             LOGI("SabloSendRequest unfinished, because table is destroyed\n");
             return -ENOENT;
@@ -212,7 +217,7 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
     LOGI("SendResponse id=%u, size=%u bytes\n", resp->id, resp->size);
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe)) {
+    switch (FindPipe(fd, table, pipe, false)) {
         case Found::NO_TABLE:
             LOGI("SabloSendResponse unfinished, because table is destroyed\n");
             return -ENOENT;

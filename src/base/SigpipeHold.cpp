@@ -101,8 +101,8 @@ void Check() {
 
 namespace detail {
 
-bool WriteMustHoldSigpipe() {
-    if (CoarseNowMs() >= nextCheckMs.load(std::memory_order_relaxed)) {
+bool WriteMustHoldSigpipe(int64_t nowMs) {
+    if ((nowMs >= 0 ? nowMs : CoarseNowMs()) >= nextCheckMs.load(std::memory_order_relaxed)) {
         Check();
     }
     return disposition.load(std::memory_order_relaxed) == APPLICATION;

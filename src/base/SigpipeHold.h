@@ -26,6 +26,8 @@
 
 #include <signal.h>
 
+#include <cstdint>
+
 namespace sable {
 
 namespace detail {
@@ -34,8 +36,9 @@ extern __thread bool sigpipeBlockedForLife __attribute__((tls_model("initial-exe
 // Set while the thread is in a library write (read by the library's SIGPIPE handler).
 extern __thread volatile sig_atomic_t inLibraryWrite __attribute__((tls_model("initial-exec")));
 // True when an application thread's write must hold SIGPIPE back itself (the application has
-// a handler of its own); looks at the disposition again when it is due.
-bool WriteMustHoldSigpipe();
+// a handler of its own); looks at the disposition again when it is due. `nowMs`: the monotonic
+// clock in milliseconds, when the caller has read it already (negative: read here).
+bool WriteMustHoldSigpipe(int64_t nowMs = -1);
 }  // namespace detail
 
 // For the first thing a library thread does: SIGPIPE stays blocked for the thread's life.
@@ -53,11 +56,12 @@ void CheckSigpipeDisposition();
 // threads and, unless the application has its own SIGPIPE handler, on application threads.
 class SigpipeHold {
   public:
-    SigpipeHold() {
+    // `nowMs`: the monotonic clock in milliseconds if the caller has it (see WriteMustHoldSigpipe).
+    explicit SigpipeHold(int64_t nowMs = -1) {
         if (detail::sigpipeBlockedForLife) {
             return;
         }
-        if (!detail::WriteMustHoldSigpipe()) {
+        if (!detail::WriteMustHoldSigpipe(nowMs)) {
             detail::inLibraryWrite = 1;
             marked = true;
             return;

@@ -467,9 +467,10 @@ int SablePipeImpl::Write(OutMessage& msg) {
     // Built on the stack and written in one piece: a frame is at most 4032 bytes.
     char frame[Message::MAX_PAYLOAD_LEN + 32];
     size_t len = 0;
-    int ret = BuildFrame(msg, frame, sizeof(frame), len, SableComm::GetCurrentTime());
+    const uint64_t startUs = SableComm::GetCurrentTime();
+    int ret = BuildFrame(msg, frame, sizeof(frame), len, startUs);
     if (ret == 0) {
-        ret = Write(frame, len, msg.id);
+        ret = Write(frame, len, msg.id, startUs);
     }
     LOGD(
         "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
@@ -480,30 +481,37 @@ int SablePipeImpl::Write(OutMessage& msg) {
 }
 
 int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
+    return Write(buf, len, msgId, SableComm::GetCurrentTime());
+}
+
+int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId, uint64_t startUs) {
     sable::ReaderLock lock(fdMutex);
     int wfd = writeFd.load();
     if (wfd < 0) {
         return -EPIPE;  // closed after the caller looked
     }
-    // Only a write slower than 50 ms is reported: the coarse clock (a few ms) is fine enough
-    // and far cheaper to read, and the record is filled only for such a write.
-    timespec start{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &start);
     // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
     ssize_t n = 0;
     int savedErrno = 0;
     {
-        sable::SigpipeHold sigpipe;
+        sable::SigpipeHold sigpipe(static_cast<int64_t>(startUs / 1000));
         n = write(wfd, buf, len);
         savedErrno = errno;
         if (n == -1 && savedErrno == EPIPE) {
             sigpipe.Discard();
         }
     }
+    // Only a write slower than 50 ms is reported: measured from the frame's own write time to
+    // one read of the coarse clock (a few ms late at most: fine enough, and far cheaper), and
+    // the record is filled only for such a write.
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
-    SableComm::RunTimeRecord record(kSlowStepMs);
-    if (record.ExceedsBudget(record.CalculationInterval(end, start))) {
+    const uint64_t endUs = static_cast<uint64_t>(end.tv_sec) * 1000000u +
+                           static_cast<uint64_t>(end.tv_nsec / 1000);
+    if (endUs > startUs && endUs - startUs >= kSlowStepMs * 1000) {
+        const timespec start{static_cast<time_t>(startUs / 1000000u),
+                             static_cast<long>(startUs % 1000000u) * 1000L};
+        SableComm::RunTimeRecord record(kSlowStepMs);
         record.RecordTime(start);
         record.RecordTime(end);
         record.RunTimePrint("Writing " + writeFifoName + " takes more than " + "50" +

@@ -86,6 +86,9 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int Write(OutMessage& msg);
     // The raw writer: one write of the `len` bytes of the frame in `buf`.
     int Write(const char* buf, size_t len, unsigned int msgId);
+    // The same for a frame whose write time (SableComm::GetCurrentTime()) is `startUs`: a
+    // write that ends 50 ms or more after it is logged as slow.
+    int Write(const char* buf, size_t len, unsigned int msgId, uint64_t startUs);
     // Takes exactly `len` bytes of the read FIFO (through the receive buffer: see FrameBuffer);
     // the count, 0 at end of file, or a negative errno / -1 for a short read. Receive thread
     // only.
