@@ -27,6 +27,9 @@ class Message {
     // Computes the additive checksum over id, type, payloadLen, the payload bytes and the
     // magic, stores it in `checksum` and returns it. Allocates nothing.
     uint32_t Checksum();
+    // Copies payloadLen bytes from `src` to `dst` and computes the checksum as if `src` were the
+    // payload, in one pass; stores it in `checksum` and returns it. The ranges must not overlap.
+    uint32_t CopyChecksummed(uint8_t* dst, const uint8_t* src);
     // Bytes of a frame besides the payload: magic, id, type, payloadLen, checksum, timeout and
     // write time.
     size_t OverheadSize() const { return OVERHEAD_SIZE; }
