@@ -115,7 +115,9 @@ InMessage::InMessage(unsigned msgId, unsigned msgType, unsigned msgPayloadLen)
     : Message(msgId, msgType, msgPayloadLen) {}
 
 InMessage::~InMessage() {
-    delete[] data;
+    if (!lent) {
+        delete[] data;
+    }
 }
 
 uint8_t* InMessage::GetData() {
@@ -127,8 +129,11 @@ uint8_t* InMessage::GetData() {
 }
 
 void InMessage::Reset(unsigned msgId, unsigned msgType, unsigned msgPayloadLen) {
-    delete[] data;
+    if (!lent) {
+        delete[] data;
+    }
     data = nullptr;
+    lent = false;
     id = msgId;
     type = msgType;
     payloadLen = msgPayloadLen;
@@ -138,6 +143,7 @@ void InMessage::Reset(unsigned msgId, unsigned msgType, unsigned msgPayloadLen) 
 uint8_t* InMessage::ReleaseData() {
     uint8_t* released = data;
     data = nullptr;
+    lent = false;
     return released;
 }
 

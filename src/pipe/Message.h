@@ -60,15 +60,25 @@ class InMessage : public Message {
     // otherwise returns the array as it stands (null for an invalid size or when the
     // allocation failed).
     uint8_t* GetData();
-    // Hands the payload array (allocated with new[]) to the caller, who then frees it with
-    // delete[]; the message no longer owns it.
+    // Hands the payload to the caller: an array allocated with new[], which the caller then
+    // frees with delete[], or the lent storage (Lent() tells which, before this call).
     uint8_t* ReleaseData();
     // Makes this the empty message of a new frame header (frees a payload still held), so one
     // object can carry frame after frame.
     void Reset(unsigned id, unsigned type, unsigned payloadLen);
+    // Carries its payload in `storage` (payloadLen bytes) that it does not own: never freed
+    // here, and handed on by ReleaseData like an array of its own.
+    void Lend(uint8_t* storage) {
+        Reset(id, type, payloadLen);
+        data = storage;
+        lent = true;
+    }
+    // The payload lives in lent storage.
+    bool Lent() const { return lent; }
 
   private:
     uint8_t* data = nullptr;
+    bool lent = false;
 };
 
 // A message to send, built on the caller's stack over the caller's payload, which it does not

@@ -8,6 +8,7 @@
 #include "log/NuxSyslog.h"
 #include "log/run_time_record.h"
 #include "pipe/FrameBuffer.h"
+#include "pipe/PayloadArena.h"
 
 namespace {
 
@@ -151,7 +152,7 @@ std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::s
     return msg;
 }
 
-bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg) {
+bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg, PayloadArena* arena) {
     const size_t avail = buffer.Available();
     if (avail < kPayloadOffset) {
         return false;
@@ -169,6 +170,12 @@ bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg) {
         return false;  // cut by the end of the last read
     }
     msg.Reset(header[1], header[2], payloadLen);
+    if (arena != nullptr && header[2] == 0) {
+        uint8_t* stored = arena->Take(payloadLen, avail);
+        if (stored != nullptr) {
+            msg.Lend(stored);
+        }
+    }
     uint8_t* payload = msg.GetData();
     if (payload == nullptr) {
         return false;

@@ -38,11 +38,13 @@ std::unique_ptr<InMessage> ReadFrame(MagicReceiver& rx, int readFd, const std::s
 bool ReadFrame(MagicReceiver& rx, InMessage& msg, int readFd, const std::string& remoteName);
 
 class FrameBuffer;
+class PayloadArena;
 
 // Takes the first frame of `buffer` into `msg` when it lies there whole and passes every check
 // (magic, length, checksum): then true, and the frame's bytes are consumed. Otherwise false with
 // nothing consumed; the field-by-field reader then takes over and reports whatever is wrong at
-// the same point of the byte stream as it always does. Allocates only the payload.
-bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg);
+// the same point of the byte stream as it always does. Allocates only the payload, and a
+// request's payload (type 0) in `arena` when one is given.
+bool TakeWholeFrame(FrameBuffer& buffer, InMessage& msg, PayloadArena* arena = nullptr);
 
 #endif

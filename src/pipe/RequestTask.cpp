@@ -13,34 +13,32 @@ RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, std::shared_ptr<I
     SetHandler(fn);
 }
 
-RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, Batch requests, const Handler& fn,
-                         int pipeFd)
+RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, Batch requests,
+                         PayloadArena::Blocks blocks, const Handler& fn, int pipeFd)
     : SableTask(nullptr),
       pipe(std::move(owner)),
       batch(std::move(requests)),
+      payloads(std::move(blocks)),
       fd(pipeFd),
       queued(true) {
     SetHandler(fn);
 }
 
 RequestTask::RequestTask(std::shared_ptr<SablePipeImpl> owner, const SabloRequest& only,
-                         const Handler& fn, int pipeFd)
+                         PayloadArena::Blocks blocks, const Handler& fn, int pipeFd)
     : SableTask(nullptr),
       pipe(std::move(owner)),
       single(only),
+      payloads(std::move(blocks)),
       hasSingle(true),
       fd(pipeFd),
       queued(true) {
     SetHandler(fn);
 }
 
-RequestTask::~RequestTask() {
-    // Requests of a task dropped before it ran (its worker was cleared).
-    delete[] single.data;
-    for (SabloRequest& each : batch) {
-        delete[] each.data;
-    }
-}
+// The payloads go with `payloads`, whether the task ran or was dropped before (its worker was
+// cleared).
+RequestTask::~RequestTask() = default;
 
 void RequestTask::SetHandler(const Handler& fn) {
     if (&fn == &pipe->ServiceHandler()) {
@@ -54,8 +52,6 @@ void RequestTask::SetHandler(const Handler& fn) {
 void RequestTask::operator()() const {
     if (hasSingle) {
         pipe->RunRequest(&single, *handler, fd);
-        delete[] single.data;
-        single.data = nullptr;
         pipe->OnQueuedRequestsDone(1);
         return;
     }
@@ -68,9 +64,6 @@ void RequestTask::operator()() const {
     }
     for (SabloRequest& each : batch) {
         pipe->RunRequest(&each, *handler, fd);
-        // The payload lives exactly as long as its callback.
-        delete[] each.data;
-        each.data = nullptr;
     }
     const size_t count = batch.size();
     batch.clear();

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "pipe/PayloadArena.h"
 #include "pool/SableTask.h"
 #include "sable_comm.h"
 
@@ -27,14 +28,15 @@ class RequestTask final : public SableTask {
     // request counts in the pipe's worker backlog, given back once it has run.
     RequestTask(std::shared_ptr<SablePipeImpl> pipe, std::shared_ptr<InRequest> request,
                 const Handler& handler, int fd, bool queued);
-    // The requests of `batch`, in order; each counts in the backlog. The task owns their
-    // payloads (new[] arrays) and frees each one after its callback, or when it is destroyed
-    // without having run.
-    RequestTask(std::shared_ptr<SablePipeImpl> pipe, Batch batch, const Handler& handler, int fd);
+    // The requests of `batch`, in order; each counts in the backlog. Their payloads lie in
+    // `payloads`, which the task owns: they are freed with the task, after the last callback
+    // (or without any, when it is dropped before it ran).
+    RequestTask(std::shared_ptr<SablePipeImpl> pipe, Batch batch, PayloadArena::Blocks payloads,
+                const Handler& handler, int fd);
     // A turn that brought one request: as above, with the record held by the task itself, so the
     // pipe keeps its batch storage for the next turn.
-    RequestTask(std::shared_ptr<SablePipeImpl> pipe, const SabloRequest& only, const Handler& handler,
-                int fd);
+    RequestTask(std::shared_ptr<SablePipeImpl> pipe, const SabloRequest& only,
+                PayloadArena::Blocks payloads, const Handler& handler, int fd);
     ~RequestTask() override;
     RequestTask(const RequestTask&) = delete;
     RequestTask& operator=(const RequestTask&) = delete;
@@ -47,7 +49,8 @@ class RequestTask final : public SableTask {
     std::shared_ptr<SablePipeImpl> pipe;
     std::shared_ptr<InRequest> request;  // the single request (null: a remote-close notice)
     mutable Batch batch;                 // emptied as it runs
-    mutable SabloRequest single{};       // the one request of a one-request turn (data: owned)
+    mutable SabloRequest single{};       // the one request of a one-request turn
+    PayloadArena::Blocks payloads;       // of the batch's requests, or of the single one
     bool hasSingle = false;
     Handler copied;
     const Handler* handler;

@@ -547,7 +547,9 @@ std::unique_ptr<InMessage> SablePipeImpl::RecvMessage(SableComm::EpollTimeRecord
 
 SablePipeImpl::ReadStatus SablePipeImpl::ReadOne(SableComm::EpollTimeRecord& /*record*/) {
     InMessage msg(0, 0, 0);
-    if (readFd.load() >= 0 && TakeWholeFrame(inBuffer, msg)) {
+    // Requests that go into this turn's batch keep their payloads in the turn's arena.
+    PayloadArena* arena = BatchesRequests() ? &payloads : nullptr;
+    if (readFd.load() >= 0 && TakeWholeFrame(inBuffer, msg, arena)) {
         // A whole frame already read: taking it from the buffer touches no descriptor.
         ProcessMessage(msg);
         return ReadStatus::FRAME;
@@ -570,7 +572,7 @@ SablePipeImpl::ReadStatus SablePipeImpl::ReadOne(SableComm::EpollTimeRecord& /*r
             }
             // Any other failure is left to the frame reader, which reads again and reports it.
         }
-        if (!TakeWholeFrame(inBuffer, msg) && !ReadFrame(*this, msg, rfd, remoteName)) {
+        if (!TakeWholeFrame(inBuffer, msg, arena) && !ReadFrame(*this, msg, rfd, remoteName)) {
             return ReadStatus::DROPPED;
         }
     }
@@ -793,16 +795,35 @@ void SablePipeImpl::ProcessMessage(InMessage& msg) {
     }
 }
 
+bool SablePipeImpl::BatchesRequests() const {
+    return batchingPipe == this && isConcur == 0 && serviceHandler;
+}
+
 void SablePipeImpl::ProcessRequest(InMessage& msg) {
     // The handler is fixed at construction, so it is used in place rather than copied.
     const Handler& handler = serviceHandler;
-    if (handler && isConcur == 0 && batchingPipe == this) {
+    if (BatchesRequests()) {
         // In this pipe's receive turn: queued with the other requests of the turn, as a bare
-        // record whose payload the batch's task owns.
+        // record whose payload lies in the turn's arena, which the batch's task owns.
         if (closeFdAction.load() == -1) {
             return;  // closed meanwhile: dropped, as HandleRequest drops it
         }
-        batch.push_back(SabloRequest{msg.id, msg.ReleaseData(), msg.payloadLen});
+        uint8_t* payload = nullptr;
+        if (msg.Lent()) {
+            payload = msg.ReleaseData();
+        } else {
+            // Read field by field: its payload is an array of its own, moved into the arena.
+            const InMessage& read = msg;
+            payload = payloads.Take(msg.payloadLen, msg.payloadLen);
+            if (payload == nullptr) {
+                // No room: queued alone, after the requests before it.
+                FlushBatch();
+                HandleRequest(std::make_shared<InRequest>(msg), handler);
+                return;
+            }
+            memcpy(payload, read.GetData(), msg.payloadLen);
+        }
+        batch.push_back(SabloRequest{msg.id, payload, msg.payloadLen});
         if (batch.size() >= BATCH_MAX) {
             FlushBatch();
         }
@@ -904,14 +925,12 @@ void SablePipeImpl::FlushBatch() {
         // travels in the task itself, and the batch keeps its storage for the next turn.
         std::shared_ptr<const SableTask> task =
             count == 1 ? std::make_shared<RequestTask>(std::move(self), batch.front(),
-                                                       serviceHandler, pipeFd)
+                                                       payloads.Release(), serviceHandler, pipeFd)
                        : std::make_shared<RequestTask>(std::move(self), std::move(batch),
-                                                       serviceHandler, pipeFd);
+                                                       payloads.Release(), serviceHandler, pipeFd);
         ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
     } else {
-        for (SabloRequest& each : batch) {
-            delete[] each.data;
-        }
+        payloads.Release();  // dropped with their payloads
     }
     batch.clear();
     if (ret != 0) {

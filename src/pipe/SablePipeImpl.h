@@ -17,6 +17,7 @@
 #include "pipe/FrameBuffer.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/OutRequestList.h"
+#include "pipe/PayloadArena.h"
 #include "sable_comm.h"
 
 class InMessage;
@@ -219,6 +220,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     bool PauseReceive();
     // Receive thread: queues the requests gathered during this turn as one task.
     void FlushBatch();
+    // This pipe's requests go into the batch of the present turn (see ProcessRequest).
+    bool BatchesRequests() const;
     // Receive thread: reads and handles frames for one turn (see HandleEvent).
     ReceiveResult Turn(bool hangUp, SableComm::EpollTimeRecord& record);
     // Re-forms both FIFO names after a change of `myName`.
@@ -289,6 +292,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Their payloads (new[] arrays) are owned here until the batch's task takes them. Grown as
     // needed, never reserved: a turn of one request (an RPC's) costs one small allocation.
     std::vector<SabloRequest> batch;
+    // The payloads of the batch's requests; the read side's holder only.
+    PayloadArena payloads;
     std::atomic<bool> isCallbackHandleRemoteClose{false};
     // Guards the out-request list against the response path; taken before the list's own
     // mutex and before a request's mutex.
