@@ -1,6 +1,5 @@
 #include "pipe/Message.h"
 
-#include <algorithm>
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #elif defined(__ARM_NEON)
@@ -13,8 +12,6 @@
 const uint64_t Message::MAX_PAYLOAD_LEN;
 
 namespace {
-// A frame must go out in one write that the kernel never splits or interleaves.
-constexpr uint64_t kFifoAtomicWriteSize = 4096;
 
 // The sum of the payload bytes is most of a large frame's cost, on both ends: 16 bytes at a
 // time where the CPU has the instruction for it (SSE2's sum of absolute differences against
@@ -91,9 +88,6 @@ uint32_t Message::CopyChecksummed(uint8_t* dst, const uint8_t* src) {
     return sum;
 }
 
-Message::Message(unsigned msgId, unsigned msgType, unsigned msgPayloadLen)
-    : id(msgId), type(msgType), payloadLen(msgPayloadLen) {}
-
 uint32_t Message::Checksum() {
     // Unsigned 32-bit arithmetic: every addition wraps, identically on both ends.
     uint32_t sum = id + type + payloadLen;
@@ -104,11 +98,6 @@ uint32_t Message::Checksum() {
     sum += MagicReceiver::MAGIC;
     checksum = sum;
     return sum;
-}
-
-bool Message::SizeValid() const {
-    uint64_t limit = std::min<uint64_t>(kFifoAtomicWriteSize - OverheadSize(), MAX_PAYLOAD_LEN);
-    return payloadLen != 0 && payloadLen <= limit;
 }
 
 InMessage::InMessage(unsigned msgId, unsigned msgType, unsigned msgPayloadLen)
@@ -147,8 +136,3 @@ uint8_t* InMessage::ReleaseData() {
     return released;
 }
 
-OutMessage::OutMessage(unsigned msgId, const SabloRequest& req, int timeoutMs)
-    : Message(msgId, 0, req.size), timeout(timeoutMs), dataOut(req.data) {}
-
-OutMessage::OutMessage(unsigned msgId, const SabloResponse& rsp)
-    : Message(msgId, 1, rsp.size), timeout(-1), dataOut(rsp.data) {}

@@ -16,7 +16,8 @@ class Message {
     // the FIFO's atomic-write size.
     static const uint64_t MAX_PAYLOAD_LEN = 4000;
 
-    Message(unsigned id, unsigned type, unsigned payloadLen);
+    Message(unsigned msgId, unsigned msgType, unsigned msgPayloadLen)
+        : id(msgId), type(msgType), payloadLen(msgPayloadLen) {}
     virtual ~Message() = default;
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
@@ -35,8 +36,12 @@ class Message {
     size_t OverheadSize() const { return OVERHEAD_SIZE; }
     // Length of the whole frame in bytes; never overflows.
     size_t Size() const { return static_cast<size_t>(payloadLen) + OverheadSize(); }
-    // A payload of 1 to MAX_PAYLOAD_LEN bytes.
-    bool SizeValid() const;
+    // A payload of 1 to MAX_PAYLOAD_LEN bytes (a frame then fits one atomic FIFO write).
+    bool SizeValid() const {
+        static_assert(MAX_PAYLOAD_LEN + OVERHEAD_SIZE <= FIFO_ATOMIC_WRITE_SIZE,
+                      "a frame goes out in one write that the kernel never splits");
+        return payloadLen != 0 && payloadLen <= MAX_PAYLOAD_LEN;
+    }
 
     uint32_t id;
     uint32_t type;  // 0 request, 1 response
@@ -45,6 +50,8 @@ class Message {
 
   private:
     static constexpr size_t OVERHEAD_SIZE = 32;
+    // A frame must go out in one write that the kernel never splits or interleaves.
+    static constexpr size_t FIFO_ATOMIC_WRITE_SIZE = 4096;
 };
 
 // A message read off a FIFO. Owns its payload array (allocated on first GetData()).
@@ -86,9 +93,11 @@ class InMessage : public Message {
 class OutMessage : public Message {
   public:
     // A request (type 0) carrying the sender's time-out in milliseconds.
-    OutMessage(unsigned id, const SabloRequest& req, int timeout);
+    OutMessage(unsigned msgId, const SabloRequest& req, int timeoutMs)
+        : Message(msgId, 0, req.size), timeout(timeoutMs), dataOut(req.data) {}
     // A response (type 1); its time-out is always -1.
-    OutMessage(unsigned id, const SabloResponse& rsp);
+    OutMessage(unsigned msgId, const SabloResponse& rsp)
+        : Message(msgId, 1, rsp.size), timeout(-1), dataOut(rsp.data) {}
 
     uint8_t* GetData() const override { return dataOut; }
 

@@ -59,6 +59,13 @@ class TableHolder {
 
 namespace {
 
+// Mirrors the protector's life in TableFactory::alive, which the send path reads on every
+// call without going through the function-local statics below.
+struct AliveMark {
+    AliveMark() { TableFactory::MarkAlive(true); }
+    ~AliveMark() { TableFactory::MarkAlive(false); }
+};
+
 sable::SingletonProtector<SableTable>& Protector() {
     // Destroyed at exit in reverse order: the protector first, so a call made from a later
     // static destructor gets nothing instead of a dying table.
@@ -67,6 +74,9 @@ sable::SingletonProtector<SableTable>& Protector() {
     static std::shared_ptr<CallbackPool> callbackPool = std::make_shared<CallbackPool>(workerPool);
     static TableHolder table(std::make_shared<SableTable>(callbackPool));
     static sable::SingletonProtector<SableTable> protector(table.Get());
+    // Made after the protector, so destroyed before it: IsAlive turns false no later than the
+    // protector stops handing the table out.
+    static AliveMark mark;
     return protector;
 }
 
@@ -76,6 +86,8 @@ std::shared_ptr<SableTable> TableFactory::GetInstance() {
     return Protector().Get();
 }
 
-bool TableFactory::IsAlive() {
-    return Protector().IsAlive();
+std::atomic<bool> TableFactory::alive{false};
+
+void TableFactory::MarkAlive(bool isAlive) {
+    alive.store(isAlive, std::memory_order_release);
 }

@@ -2,6 +2,7 @@
 #ifndef SABLE_TABLE_TABLE_FACTORY_H
 #define SABLE_TABLE_TABLE_FACTORY_H
 
+#include <atomic>
 #include <memory>
 
 class SableTable;
@@ -15,9 +16,16 @@ class TableFactory {
     // returned: after 50 ms it is disabled (waiting calls return) and they get 2 s more; only
     // a call that outlasts that destroys the table itself when it returns.
     static std::shared_ptr<SableTable> GetInstance();
-    // False once GetInstance() answers empty for good (the process is exiting); a weak
-    // reference to the table taken earlier must then not be used. Never blocks.
-    static bool IsAlive();
+    // False once GetInstance() answers empty for good (the process is exiting), and before the
+    // table was first built; a weak reference to the table taken earlier must then not be used.
+    // Never blocks: one atomic load.
+    static bool IsAlive() { return alive.load(std::memory_order_acquire); }
+
+    // For the table's own life-cycle only (see TableFactory.cpp).
+    static void MarkAlive(bool isAlive);
+
+  private:
+    static std::atomic<bool> alive;
 };
 
 #endif
