@@ -76,7 +76,9 @@ class InMessage : public Message {
     // Carries its payload in `storage` (payloadLen bytes) that it does not own: never freed
     // here, and handed on by ReleaseData like an array of its own.
     void Lend(uint8_t* storage) {
-        Reset(id, type, payloadLen);
+        if (!lent) {
+            delete[] data;
+        }
         data = storage;
         lent = true;
     }

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -35,6 +36,7 @@ constexpr unsigned int kMaxBackoffUs = 20000;
 constexpr uint64_t kSlowStepMs = 50;
 constexpr int kLongRunModeMs = 18000000;  // five hours
 constexpr uint32_t kMaxConcurrentCallbacks = 200;
+constexpr size_t kBatchKept = 64;  // requests a pipe's batch keeps room for between turns
 
 // The pipe whose turn the calling receive thread is in: its requests are gathered and queued
 // together at the end of the turn.
@@ -495,7 +497,9 @@ int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId, uint64
     int savedErrno = 0;
     {
         sable::SigpipeHold sigpipe(static_cast<int64_t>(startUs / 1000));
-        n = write(wfd, buf, len);
+        // The system call itself, not the C library's write: a frame write is no cancellation
+        // point, so a caller's thread is never cancelled half-way through a send.
+        n = syscall(SYS_write, wfd, buf, len);
         savedErrno = errno;
         if (n == -1 && savedErrno == EPIPE) {
             sigpipe.Discard();
@@ -928,6 +932,11 @@ void SablePipeImpl::FlushBatch() {
                                                        payloads.Release(), serviceHandler, pipeFd)
                        : std::make_shared<RequestTask>(std::move(self), std::move(batch),
                                                        payloads.Release(), serviceHandler, pipeFd);
+        if (count > 1) {
+            // The storage went with the task: the next turn starts with room for as many
+            // (up to 64, so that an idle pipe keeps little) instead of growing from nothing.
+            batch.reserve(std::min<size_t>(count, kBatchKept));
+        }
         ret = observer.OnRequestTaskIn(std::to_string(pipeFd), task, priority);
     } else {
         payloads.Release();  // dropped with their payloads

@@ -289,8 +289,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     // Read and not yet parsed; the read side's holder only.
     FrameBuffer inBuffer;
     // Requests read during the present turn, not yet queued; receive thread only.
-    // Their payloads (new[] arrays) are owned here until the batch's task takes them. Grown as
-    // needed, never reserved: a turn of one request (an RPC's) costs one small allocation.
+    // Their payloads lie in `payloads`. A turn of one request (an RPC's) leaves the storage
+    // here; a larger turn's goes with its task, and room for up to 64 requests is made again.
     std::vector<SabloRequest> batch;
     // The payloads of the batch's requests; the read side's holder only.
     PayloadArena payloads;
