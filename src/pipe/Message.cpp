@@ -28,7 +28,10 @@ SumBytesPlain(const uint8_t* bytes, uint32_t len) {
     return sum;
 }
 
-uint32_t SumBytes(const uint8_t* bytes, uint32_t len) {
+// The bytes summed 16 at a time, and copied to `dst` as they go when kCopy (one pass over a
+// payload instead of two); how many were taken is left in `done`, the tail is the caller's.
+template <bool kCopy>
+uint32_t SumBlocks(uint8_t* dst, const uint8_t* bytes, uint32_t len, uint32_t& done) {
     uint32_t i = 0;
     uint32_t sum = 0;
 #if defined(__SSE2__)
@@ -36,29 +39,9 @@ uint32_t SumBytes(const uint8_t* bytes, uint32_t len) {
     const __m128i zero = _mm_setzero_si128();
     for (; i + 16 <= len; i += 16) {
         __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
-        acc = _mm_add_epi64(acc, _mm_sad_epu8(chunk, zero));
-    }
-    sum = static_cast<uint32_t>(_mm_cvtsi128_si64(acc)) +
-          static_cast<uint32_t>(_mm_cvtsi128_si64(_mm_unpackhi_epi64(acc, acc)));
-#elif defined(__ARM_NEON)
-    uint32x4_t acc = vdupq_n_u32(0);
-    for (; i + 16 <= len; i += 16) {
-        acc = vpadalq_u16(acc, vpaddlq_u8(vld1q_u8(bytes + i)));
-    }
-    sum = vaddvq_u32(acc);
-#endif
-    return sum + SumBytesPlain(bytes + i, len - i);
-}
-// The same sum while copying the bytes to `dst`: one pass over a payload instead of two.
-uint32_t CopySumBytes(uint8_t* dst, const uint8_t* bytes, uint32_t len) {
-    uint32_t i = 0;
-    uint32_t sum = 0;
-#if defined(__SSE2__)
-    __m128i acc = _mm_setzero_si128();
-    const __m128i zero = _mm_setzero_si128();
-    for (; i + 16 <= len; i += 16) {
-        __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), chunk);
+        if (kCopy) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + i), chunk);
+        }
         acc = _mm_add_epi64(acc, _mm_sad_epu8(chunk, zero));
     }
     sum = static_cast<uint32_t>(_mm_cvtsi128_si64(acc)) +
@@ -67,12 +50,31 @@ uint32_t CopySumBytes(uint8_t* dst, const uint8_t* bytes, uint32_t len) {
     uint32x4_t acc = vdupq_n_u32(0);
     for (; i + 16 <= len; i += 16) {
         uint8x16_t chunk = vld1q_u8(bytes + i);
-        vst1q_u8(dst + i, chunk);
+        if (kCopy) {
+            vst1q_u8(dst + i, chunk);
+        }
         acc = vpadalq_u16(acc, vpaddlq_u8(chunk));
     }
     sum = vaddvq_u32(acc);
+#else
+    (void)dst;
+    (void)bytes;
+    (void)len;
 #endif
-    for (; i < len; ++i) {
+    done = i;
+    return sum;
+}
+
+uint32_t SumBytes(const uint8_t* bytes, uint32_t len) {
+    uint32_t done = 0;
+    const uint32_t sum = SumBlocks<false>(nullptr, bytes, len, done);
+    return sum + SumBytesPlain(bytes + done, len - done);
+}
+
+uint32_t CopySumBytes(uint8_t* dst, const uint8_t* bytes, uint32_t len) {
+    uint32_t done = 0;
+    uint32_t sum = SumBlocks<true>(dst, bytes, len, done);
+    for (uint32_t i = done; i < len; ++i) {
         dst[i] = bytes[i];
         sum += bytes[i];
     }
