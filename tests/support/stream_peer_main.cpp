@@ -5,7 +5,8 @@
 //       retrying while the FIFO is full (-EAGAIN) or not yet read (-ENXIO); report "eagain" at
 //       the first -EAGAIN and "sent <n>" once all went (or "stopped <n>" when the remote went
 //       away: -EPIPE). Exit 0 once the remote has closed (3 when it has not within 30 s).
-//       Requests are answered ANSWER_MS after they came (default 0).
+//       Requests are answered ANSWER_MS after they came (default 0), or, for ANSWER_MS "sent",
+//       once all COUNT have been sent (at most 30 s later).
 //   stream_peer echo SELF TARGET MODE
 //       answer every request with its own payload until killed; exit 3 after 60 s.
 // Every mode answers requests with their own payload, retrying while the FIFO is full.
@@ -31,14 +32,21 @@
 namespace {
 
 std::atomic<bool> remoteClosed{false};
-int answerDelayMs = 0;
+int answerDelayMs = 0;  // negative: until all requests have been sent
+std::atomic<bool> allSent{false};
 
 void Echo(int fd, SabloRequest* req) {
     if (req == nullptr) {
         remoteClosed = true;
         return;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(answerDelayMs));
+    if (answerDelayMs < 0) {
+        for (int i = 0; i < 15000 && !allSent; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(answerDelayMs));
+    }
     SabloResponse rsp{req->id, req->data, req->size};
     // A full FIFO (the other end paused) is waited out for a while, as a sender would.
     for (int tries = 0; SabloSendResponse(fd, &rsp) == -EAGAIN && tries < 100000; ++tries) {
@@ -86,6 +94,7 @@ int Send(const char* self, const char* target, const char* mode, uint32_t count,
         }
         if (ret != 0) break;
     }
+    allSent = true;
     sable_test::SignalReady((seq == count ? "sent " : "stopped ") + std::to_string(seq));
     return WaitFor(remoteClosed, 30) ? 0 : 3;
 }
@@ -95,7 +104,7 @@ int Send(const char* self, const char* target, const char* mode, uint32_t count,
 int main(int argc, char** argv) {
     const std::string cmd = argc > 1 ? argv[1] : "";
     if (cmd == "send" && (argc == 7 || argc == 9)) {
-        answerDelayMs = argc == 9 ? atoi(argv[8]) : 0;
+        answerDelayMs = argc != 9 ? 0 : std::string(argv[8]) == "sent" ? -1 : atoi(argv[8]);
         return Send(argv[2], argv[3], argv[4], static_cast<uint32_t>(atoi(argv[5])),
                     static_cast<uint32_t>(atoi(argv[6])), argc == 9 ? atoi(argv[7]) : 0);
     }

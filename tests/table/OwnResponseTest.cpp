@@ -2,9 +2,12 @@
 // real processes it still serves every frame the way the receive thread would (the peer's
 // requests reach the callback in order, other threads' responses reach them), and a time-out,
 // a close from another thread and the peer's death each end its wait.
+#include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -38,6 +41,28 @@ void Echo(int fd, SabloRequest* req) {
 }
 
 void Ignore(int, SabloRequest*) {}
+
+// Whether process `pid` has a file whose path ends in `name` open for writing.
+bool HoldsForWriting(pid_t pid, const std::string& name) {
+    const std::string dir = "/proc/" + std::to_string(pid) + "/fd/";
+    DIR* fds = opendir(dir.c_str());
+    if (fds == nullptr) return false;
+    bool found = false;
+    while (dirent* entry = readdir(fds)) {
+        char target[512];
+        const ssize_t n = readlink((dir + entry->d_name).c_str(), target, sizeof(target) - 1);
+        if (n <= 0) continue;
+        const std::string path(target, static_cast<size_t>(n));
+        struct stat mode {};
+        if (path.size() >= name.size() &&
+            path.compare(path.size() - name.size(), name.size(), name) == 0 &&
+            lstat((dir + entry->d_name).c_str(), &mode) == 0 && (mode.st_mode & S_IWUSR) != 0) {
+            found = true;
+        }
+    }
+    closedir(fds);
+    return found;
+}
 
 // Sequence numbers of the one-way requests received, in order; each callback waits for the
 // gate (bounded, so a failing test cannot hang).
@@ -125,8 +150,8 @@ TEST_F(OwnResponseTest, CallersReadingTheFifoServeThePeersRequestsAndEachOthersR
     SabloClosePipe(fd);
 }
 
-// The peer starts flooding one-way requests 300 ms after the open and answers an RPC only after
-// 600 ms, while our callback is held: the caller that reads the FIFO for its response hands the
+// The peer starts flooding one-way requests 300 ms after the open and answers an RPC only once
+// it has sent them all, while our callback is held: the caller that reads the FIFO for its response hands the
 // flood to the worker until it is full, and the pipe then pauses. Once the callback is let go,
 // the RPC's response comes behind the flood, and every request arrives once, in order.
 TEST_F(OwnResponseTest, AFloodWhileACallerReadsPausesThePipeAndLosesNothing) {
@@ -135,7 +160,7 @@ TEST_F(OwnResponseTest, AFloodWhileACallerReadsPausesThePipeAndLosesNothing) {
     const std::string flooder = UniqueName("flood");
     constexpr uint32_t kCount = 3000;
     ChildProcess child("stream_peer",
-                       {"send", flooder, self, "1", std::to_string(kCount), "64", "300", "600"});
+                       {"send", flooder, self, "1", std::to_string(kCount), "64", "300", "sent"});
     ASSERT_EQ(child.ReadLine().rfind("ready ", 0), 0u);
     const int fd = Open(flooder, HoldAtGate);
     ASSERT_GT(fd, 0);
@@ -214,6 +239,10 @@ TEST_F(OwnResponseTest, ATimeOutACloseAndThePeersDeathEachEndTheWait) {
     ASSERT_GT(fd, 0);
     auto orphaned = CallWithoutLimit(fd, rsp);
     EXPECT_EQ(victim.ReadLine().rfind("request ", 0), 0u);
+    // Killed once it holds its end of our FIFO open for writing (it opens it in the background
+    // after the open): its death is then the hang-up this end watches for.
+    EXPECT_TRUE(WaitUntil([&] { return HoldsForWriting(victim.Pid(), doomed + "__to__" + self); },
+                          10000));
     victim.ExpectExit(128 + SIGKILL);
     victim.Kill(SIGKILL);
     ASSERT_EQ(orphaned.wait_for(std::chrono::seconds(5)), std::future_status::ready);
