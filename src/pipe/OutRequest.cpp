@@ -28,12 +28,13 @@ bool OutTimedRequest::Claim(bool& slept) {
 }
 
 void OutTimedRequest::Wake() {
-    if (!polled.load(std::memory_order_relaxed)) {
+    // Both can be due: a waiter that was polling when the release began, then stopped and went
+    // to sleep on the word until the release ended.
+    if (wakeFutex.load(std::memory_order_relaxed)) {
         sable::FutexWake(state, 1);
-        return;
     }
-    if (pthread_equal(poller, pthread_self())) {
-        return;  // released while reading the FIFO itself: it looks at the state next
+    if (!polled.load(std::memory_order_relaxed) || pthread_equal(poller, pthread_self())) {
+        return;  // not polling, or released while reading the FIFO itself: it looks next
     }
     const uint64_t one = 1;
     if (write(kickFd, &one, sizeof(one)) < 0) {
@@ -56,7 +57,10 @@ void OutTimedRequest::StopPolling() {
 bool OutTimedRequest::Finish(bool slept) {
     // Release: the record written before this is what the waiter reads after seeing DONE.
     const int32_t before = state.exchange(DONE, std::memory_order_acq_rel);
-    return slept || before == CLAIMED_SLEEPING;
+    const bool onWord =
+        before == CLAIMED_SLEEPING || (slept && !polled.load(std::memory_order_relaxed));
+    wakeFutex.store(onWord, std::memory_order_relaxed);
+    return slept || onWord;
 }
 
 void OutTimedRequest::Cancel() {
