@@ -3,12 +3,18 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <future>
+#include <random>
 #include <stdexcept>
+#include <thread>
 
 #include "LogCapture.h"
 #include "PipeRig.h"
 #include "pipe/InRequest.h"
+#include "pipe/OutRequest.h"
 
 using namespace pipe_test;
 using sable_test::LogCapture;
@@ -79,6 +85,34 @@ TEST(Rpc, WaitEndsWithTheResponseATimeOutOrTheClose) {
     EXPECT_TRUE(cap.Contains("Self=" + rig.Name("b") + ", Remote=" + rig.Name("a") +
                              " failed. Caught exception."));
     EXPECT_TRUE(client.Snapshot().empty()) << "responses never reach the request callback";
+}
+
+// A caller that reads the FIFO itself (polling) is released from another thread (a close) at
+// any moment, also while it stops polling and goes to sleep on the request: each round, the
+// wait ends with -EPIPE. A lost wake-up would leave a round hanging past its bound.
+TEST(Rpc, AReleaseFromAnotherThreadEndsAPollingWaitAtAnyMoment) {
+    const int kick = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    ASSERT_GE(kick, 0);
+    std::mt19937 random(12345);
+    for (int round = 0; round < 400; ++round) {
+        SabloResponse rsp{};
+        auto entry = std::make_shared<OutSyncTimedRequest>(nullptr, round, rsp, -1);
+        const int pollUs = static_cast<int>(random() % 40);
+        const int releaseUs = static_cast<int>(random() % 40);
+        auto waiter = std::async(std::launch::async, [&] {
+            if (entry->StartPolling(kick)) {
+                std::this_thread::sleep_for(std::chrono::microseconds(pollUs));
+                entry->StopPolling();
+            }
+            return entry->WaitUntil(nullptr);
+        });
+        std::this_thread::sleep_for(std::chrono::microseconds(releaseUs));
+        entry->Cancel();
+        ASSERT_EQ(waiter.wait_for(std::chrono::seconds(2)), std::future_status::ready)
+            << "round " << round;
+        EXPECT_EQ(waiter.get(), -EPIPE);
+    }
+    close(kick);
 }
 
 TEST(PipeDispatch, OrderedPipeRunsCallbacksOneAtATimeInArrivalOrder) {
