@@ -16,15 +16,7 @@ if ! dpkg --print-foreign-architectures | grep -qx arm64; then
   echo "adding the arm64 architecture to dpkg"
   $sudo_cmd dpkg --add-architecture arm64
 fi
-missing=()
-for p in "${cross_pkgs[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "installing: ${missing[*]}"
-  $sudo_cmd apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq "${missing[@]}"
-fi
+scripts/setup.sh "${cross_pkgs[@]}"
 
 build=build-aarch64
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/aarch64-linux-gnu.cmake" \

@@ -39,13 +39,17 @@ inline void FutexWake(std::atomic<int32_t>& word, int count) {
 
 // A steady-clock time point as the monotonic timespec that FutexWait takes (the same clock on
 // Linux).
-inline timespec ToMonotonic(std::chrono::steady_clock::time_point when) {
-    auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch());
-    if (ns.count() < 0) {
+// A duration as a timespec (a negative one as zero).
+inline timespec ToTimespec(std::chrono::nanoseconds span) {
+    if (span.count() < 0) {
         return timespec{0, 0};
     }
-    return timespec{static_cast<time_t>(ns.count() / 1000000000),
-                    static_cast<long>(ns.count() % 1000000000)};
+    return timespec{static_cast<time_t>(span.count() / 1000000000),
+                    static_cast<long>(span.count() % 1000000000)};
+}
+
+inline timespec ToMonotonic(std::chrono::steady_clock::time_point when) {
+    return ToTimespec(when.time_since_epoch());
 }
 
 // Counting semaphore: Post adds one, a wait takes one, sleeping while there is none. Any

@@ -19,7 +19,7 @@ bool OutTimedRequest::Claim(bool& slept) {
     int32_t seen = state.load(std::memory_order_acquire);
     while (seen == PENDING || seen == SLEEPING || seen == POLLING) {
         if (state.compare_exchange_weak(seen, CLAIMED, std::memory_order_acquire)) {
-            polled.store(seen == POLLING, std::memory_order_relaxed);
+            polled = seen == POLLING;
             slept = seen != PENDING;
             return true;
         }
@@ -30,10 +30,10 @@ bool OutTimedRequest::Claim(bool& slept) {
 void OutTimedRequest::Wake() {
     // Both can be due: a waiter that was polling when the release began, then stopped and went
     // to sleep on the word until the release ended.
-    if (wakeFutex.load(std::memory_order_relaxed)) {
+    if (wakeFutex) {
         sable::FutexWake(state, 1);
     }
-    if (!polled.load(std::memory_order_relaxed) || pthread_equal(poller, pthread_self())) {
+    if (!polled || pthread_equal(poller, pthread_self())) {
         return;  // not polling, or released while reading the FIFO itself: it looks next
     }
     const uint64_t one = 1;
@@ -57,10 +57,8 @@ void OutTimedRequest::StopPolling() {
 bool OutTimedRequest::Finish(bool slept) {
     // Release: the record written before this is what the waiter reads after seeing DONE.
     const int32_t before = state.exchange(DONE, std::memory_order_acq_rel);
-    const bool onWord =
-        before == CLAIMED_SLEEPING || (slept && !polled.load(std::memory_order_relaxed));
-    wakeFutex.store(onWord, std::memory_order_relaxed);
-    return slept || onWord;
+    wakeFutex = before == CLAIMED_SLEEPING || (slept && !polled);
+    return slept || wakeFutex;
 }
 
 void OutTimedRequest::Cancel() {

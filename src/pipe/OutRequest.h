@@ -101,10 +101,10 @@ class OutTimedRequest : public OutRequest {
     // While POLLING: the polling thread and its eventfd (written before the state, read after).
     int kickFd = -1;
     pthread_t poller{};
-    // Set by the release that claimed the request, read by its Wake on the same thread: the
-    // waiter was polling when the claim came, and it sleeps on the word by the end.
-    std::atomic<bool> polled{false};
-    std::atomic<bool> wakeFutex{false};
+    // Written by the one release that claimed the request and read by its Wake, on the same
+    // thread: the waiter was polling when the claim came, and it sleeps on the word by the end.
+    bool polled = false;
+    bool wakeFutex = false;
 };
 
 // A synchronous RPC: the response lands in the caller's record.

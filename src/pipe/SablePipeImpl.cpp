@@ -10,12 +10,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <system_error>
 
 #include "api/sable_comm_internal.h"
+#include "base/Futex.h"
 #include "base/SigpipeHold.h"
+#include "base/UniqueFd.h"
 #include "env/EnvManager.h"
 #include "fifo/nux_fifo.h"
 #include "log/NuxSyslog.h"
@@ -616,38 +619,8 @@ namespace {
 // The calling thread's eventfd, through which a close from another thread wakes it while it
 // polls a FIFO for its own response. Made on the first such wait; -1 when it cannot be.
 int OwnKickFd() {
-    struct KickFd {
-        int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        ~KickFd() {
-            if (fd >= 0) {
-                close(fd);
-            }
-        }
-    };
-    thread_local KickFd kick;
-    return kick.fd;
-}
-
-timespec Later(const timespec& from, int ms) {
-    timespec at = from;
-    at.tv_sec += ms / 1000;
-    at.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (at.tv_nsec >= 1000000000L) {
-        at.tv_sec += 1;
-        at.tv_nsec -= 1000000000L;
-    }
-    return at;
-}
-
-// `until` - `now`, or false when it has passed.
-bool Until(const timespec& until, const timespec& now, timespec& left) {
-    left.tv_sec = until.tv_sec - now.tv_sec;
-    left.tv_nsec = until.tv_nsec - now.tv_nsec;
-    if (left.tv_nsec < 0) {
-        left.tv_sec -= 1;
-        left.tv_nsec += 1000000000L;
-    }
-    return left.tv_sec >= 0 && (left.tv_sec > 0 || left.tv_nsec > 0);
+    thread_local sable::UniqueFd kick(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return kick.Get();
 }
 
 }  // namespace
@@ -678,11 +651,11 @@ void SablePipeImpl::ReturnReadSide(ReceiveResult last) {
 
 int SablePipeImpl::ReadOwnResponse(const SabloRequest& request, OutRequest& entry, int timeoutMs) {
     const int budget = entry.BudgetMs();
+    std::chrono::steady_clock::time_point until{};
     timespec deadline{};
     if (budget >= 0) {
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        deadline = Later(now, budget);
+        until = std::chrono::steady_clock::now() + std::chrono::milliseconds(budget);
+        deadline = sable::ToMonotonic(until);
     }
     const int kick = OwnKickFd();
     const int rfd = readFd.load();
@@ -693,11 +666,11 @@ int SablePipeImpl::ReadOwnResponse(const SabloRequest& request, OutRequest& entr
         while (!entry.Released()) {
             timespec left{};
             if (budget >= 0) {
-                timespec now{};
-                clock_gettime(CLOCK_MONOTONIC, &now);
-                if (!Until(deadline, now, left)) {
+                const auto rest = until - std::chrono::steady_clock::now();
+                if (rest <= std::chrono::steady_clock::duration::zero()) {
                     break;  // the budget ran out: the wait below withdraws the request
                 }
+                left = sable::ToTimespec(rest);
             }
             int n = ppoll(fds, 2, budget >= 0 ? &left : nullptr, nullptr);
             if (n < 0 && errno == EINTR) {

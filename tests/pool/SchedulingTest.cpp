@@ -10,6 +10,7 @@
 
 #include "ChildProcess.h"
 #include "PoolTestUtil.h"
+#include "TestEnv.h"
 #include "pool/CallbackPool.h"
 #include "sable_comm.h"
 
@@ -163,14 +164,7 @@ TEST(Scheduling, APriorityZeroPipeOpenedFromARealtimeThreadDeliversAtOrdinarySch
     int fd = -1;
     std::thread([&] {
         ASSERT_EQ(pool_test::SetSelf(SCHED_FIFO, 50), 0);
-        SabloAttr attr;
-        attr.selfName = self.c_str();
-        attr.targetName = peer.c_str();
-        attr.mode = SABLO_MODE_JOIN;
-        attr.timeout = WAIT_MS;
-        attr.priority = SABLO_PRIORITY_DEFAULT;
-        attr.callback = RecordAndEcho;
-        fd = SabloOpen(&attr);
+        fd = sable_test::OpenPipe(self, peer, SABLO_MODE_JOIN, WAIT_MS, RecordAndEcho);
     }).join();
     ASSERT_GT(fd, 0);
     EXPECT_EQ(child.Wait(20000), 0) << "the peer's RPCs did not all come back";

@@ -10,6 +10,7 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "sable_comm.h"
 
@@ -82,6 +83,18 @@ bool FinishServerWithin(int ms) {
         done->set_value();
     }).detach();
     return finished.wait_for(std::chrono::milliseconds(ms)) == std::future_status::ready;
+}
+
+int OpenPipe(const std::string& self, const std::string& target, SabloMode mode, int timeoutMs,
+             SabloCallback callback, SabloPriority priority) {
+    SabloAttr attr;
+    attr.selfName = self.c_str();
+    attr.targetName = target.c_str();
+    attr.mode = mode;
+    attr.timeout = timeoutMs;
+    attr.priority = priority;
+    attr.callback = std::move(callback);
+    return SabloOpen(&attr);
 }
 
 }  // namespace sable_test

@@ -7,6 +7,8 @@
 #include <set>
 #include <string>
 
+#include "sable_comm.h"
+
 namespace sable_test {
 
 // Creates /dev/shm/nux/sable_comm/ when missing; returns its path.
@@ -24,6 +26,10 @@ std::string TestBinDir();
 // Runs SabloCfgFinishServer on another thread; true when it returned within `ms`. A thread that
 // hangs is left to itself (the fresh process it runs in ends with _exit).
 bool FinishServerWithin(int ms);
+// SabloOpen of the pipe between `self` and `target` with the other attributes given; the
+// pipe number or the negative error.
+int OpenPipe(const std::string& self, const std::string& target, SabloMode mode, int timeoutMs,
+             SabloCallback callback = {}, SabloPriority priority = SABLO_PRIORITY_DEFAULT);
 
 }  // namespace sable_test
 

@@ -50,14 +50,7 @@ class EntryFunctionsTest : public ::testing::Test {
 
     int Open(const std::string& target, SabloMode mode = SABLO_MODE_CREATE, int timeout = 0,
              SabloPriority priority = SABLO_PRIORITY_DEFAULT) {
-        SabloAttr attr;
-        attr.selfName = self.c_str();
-        attr.targetName = target.c_str();
-        attr.mode = mode;
-        attr.timeout = timeout;
-        attr.priority = priority;
-        attr.callback = EchoAndRecord;
-        int fd = SabloOpen(&attr);
+        int fd = sable_test::OpenPipe(self, target, mode, timeout, EchoAndRecord, priority);
         if (fd > 0) opened.push_back(fd);
         return fd;
     }

@@ -90,14 +90,7 @@ class OwnResponseTest : public ::testing::Test {
         EXPECT_TRUE(WaitUntil([&] { return sable_test::FifoFilesWith(self).empty(); }, 10000));
     }
     int Open(const std::string& target, SabloCallback callback) {
-        SabloAttr attr;
-        attr.selfName = self.c_str();
-        attr.targetName = target.c_str();
-        attr.mode = SABLO_MODE_JOIN;
-        attr.timeout = 10000;
-        attr.priority = SABLO_PRIORITY_DEFAULT;
-        attr.callback = std::move(callback);
-        return SabloOpen(&attr);
+        return sable_test::OpenPipe(self, target, SABLO_MODE_JOIN, 10000, std::move(callback));
     }
     // An RPC without a time limit, on its own thread.
     std::future<int> CallWithoutLimit(int fd, SabloResponse& rsp) {

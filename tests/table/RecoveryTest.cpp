@@ -54,14 +54,7 @@ void Count(int, SabloRequest* req) {
 
 int Open(const std::string& self, const std::string& target, SabloMode mode, int timeout,
          SabloCallback callback = {}) {
-    SabloAttr attr;
-    attr.selfName = self.c_str();
-    attr.targetName = target.c_str();
-    attr.mode = mode;
-    attr.timeout = timeout;
-    attr.priority = SABLO_PRIORITY_DEFAULT;
-    attr.callback = std::move(callback);
-    return SabloOpen(&attr);
+    return sable_test::OpenPipe(self, target, mode, timeout, std::move(callback));
 }
 
 int Rpc(int fd) {
