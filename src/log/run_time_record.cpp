@@ -16,13 +16,6 @@ void LogNoPoint() {
 
 }  // namespace
 
-uint64_t GetCurrentTime() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * kUsPerSecond +
-           static_cast<uint64_t>(now.tv_nsec / kNsPerUs);
-}
-
 int64_t RunTimeRecord::CalculationInterval(const timespec& later, const timespec& earlier) const {
     // A clock that stepped back reads as no time at all rather than a negative span.
     if (later.tv_sec < earlier.tv_sec ||

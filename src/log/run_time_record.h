@@ -12,8 +12,12 @@
 
 namespace SableComm {
 
-// Monotonic clock in microseconds.
-uint64_t GetCurrentTime();
+// Monotonic clock in microseconds. Inline: every frame sent reads it.
+inline uint64_t GetCurrentTime() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec / 1000);
+}
 
 // Belongs to one thread (it lives on the caller's stack); nothing is locked. The first points
 // are kept inline so that timing a write allocates nothing.

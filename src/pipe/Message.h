@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "pipe/ByteSum.h"
+#include "pipe/MagicReceiver.h"
 #include "sable_comm.h"
 
 // Frame header and trailer fields shared by both directions. Not thread-safe: a message belongs
@@ -30,7 +32,12 @@ class Message {
     uint32_t Checksum();
     // Copies payloadLen bytes from `src` to `dst` and computes the checksum as if `src` were the
     // payload, in one pass; stores it in `checksum` and returns it. The ranges must not overlap.
-    uint32_t CopyChecksummed(uint8_t* dst, const uint8_t* src);
+    uint32_t CopyChecksummed(uint8_t* dst, const uint8_t* src) {
+        // Unsigned 32-bit arithmetic, as in Checksum().
+        checksum = id + type + payloadLen + sable::CopySumBytes(dst, src, payloadLen) +
+                   MagicReceiver::MAGIC;
+        return checksum;
+    }
     // Bytes of a frame besides the payload: magic, id, type, payloadLen, checksum, timeout and
     // write time.
     size_t OverheadSize() const { return OVERHEAD_SIZE; }

@@ -12,15 +12,7 @@
 
 namespace {
 
-constexpr size_t kIdOffset = 4;
-constexpr size_t kTypeOffset = 8;
-constexpr size_t kLenOffset = 12;
-constexpr size_t kPayloadOffset = 16;
-
-template <typename T>
-void Put(char* at, T value) {
-    memcpy(at, &value, sizeof(value));
-}
+using frame_layout::kPayloadOffset;
 
 // One Recv of the whole field; a short count is as much a failure as an error, since the
 // rest of the field would otherwise be taken for the next one.
@@ -34,35 +26,6 @@ bool FieldOk(int32_t ret, size_t expected) {
 }
 
 }  // namespace
-
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime) {
-    if (!msg.SizeValid()) {
-        return -EINVAL;
-    }
-    if (msg.dataOut == nullptr) {
-        LOGE("Send msg data ptr is null\n");
-        return -EINVAL;
-    }
-    const size_t size = msg.Size();
-    if (capacity < size) {
-        return -ENOMEM;
-    }
-    Put<uint32_t>(buf, MagicReceiver::MAGIC);
-    Put<uint32_t>(buf + kIdOffset, msg.id);
-    Put<uint32_t>(buf + kTypeOffset, msg.type);
-    Put<uint32_t>(buf + kLenOffset, msg.payloadLen);
-    // Bounds checked above (a valid size, room for the whole frame, a payload to copy): a plain
-    // copy, which on a send path is several times faster than the bounds-checked one, summed
-    // for the checksum as it goes.
-    const uint32_t checksum =
-        msg.CopyChecksummed(reinterpret_cast<uint8_t*>(buf + kPayloadOffset), msg.dataOut);
-    char* trailer = buf + kPayloadOffset + msg.payloadLen;
-    Put<uint32_t>(trailer, checksum);
-    Put<int32_t>(trailer + 4, msg.timeout);
-    Put<uint64_t>(trailer + 8, writeStartTime);
-    len = size;
-    return 0;
-}
 
 int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len) {
     if (!msg.SizeValid()) {

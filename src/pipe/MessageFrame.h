@@ -5,12 +5,28 @@
 #ifndef SABLE_PIPE_MESSAGE_FRAME_H
 #define SABLE_PIPE_MESSAGE_FRAME_H
 
+#include <errno.h>
+
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <string>
 
+#include "log/NuxSyslog.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/Message.h"
+
+namespace frame_layout {
+constexpr size_t kIdOffset = 4;
+constexpr size_t kTypeOffset = 8;
+constexpr size_t kLenOffset = 12;
+constexpr size_t kPayloadOffset = 16;
+
+template <typename T>
+inline void Put(char* at, T value) {
+    memcpy(at, &value, sizeof(value));
+}
+}  // namespace frame_layout
 
 // Builds the frame of `msg` into a new buffer of msg.Size() bytes, stored in `buf` and `len`;
 // sets msg.checksum. 0, or -EINVAL for a null payload (error line) or an invalid size (no line:
@@ -21,8 +37,37 @@ int BuildFrame(OutMessage& msg, std::unique_ptr<char[]>& buf, size_t& len);
 // The same into the caller's `buf` of `capacity` bytes (-ENOMEM when the frame does not fit),
 // so that a sender can build on its stack: nothing is allocated. `writeStartTime` is the
 // frame's write time (SableComm::GetCurrentTime() microseconds, read by the sender just before
-// it writes).
-int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len, uint64_t writeStartTime);
+// it writes). Inline: it is the whole of a send's work besides the write itself.
+inline int BuildFrame(OutMessage& msg, char* buf, size_t capacity, size_t& len,
+                      uint64_t writeStartTime) {
+    using namespace frame_layout;
+    if (!msg.SizeValid()) {
+        return -EINVAL;
+    }
+    if (msg.dataOut == nullptr) {
+        LOGE("Send msg data ptr is null\n");
+        return -EINVAL;
+    }
+    const size_t size = msg.Size();
+    if (capacity < size) {
+        return -ENOMEM;
+    }
+    Put<uint32_t>(buf, MagicReceiver::MAGIC);
+    Put<uint32_t>(buf + kIdOffset, msg.id);
+    Put<uint32_t>(buf + kTypeOffset, msg.type);
+    Put<uint32_t>(buf + kLenOffset, msg.payloadLen);
+    // Bounds checked above (a valid size, room for the whole frame, a payload to copy): a plain
+    // copy, which on a send path is several times faster than the bounds-checked one, summed
+    // for the checksum as it goes.
+    const uint32_t checksum =
+        msg.CopyChecksummed(reinterpret_cast<uint8_t*>(buf + kPayloadOffset), msg.dataOut);
+    char* trailer = buf + kPayloadOffset + msg.payloadLen;
+    Put<uint32_t>(trailer, checksum);
+    Put<int32_t>(trailer + 4, msg.timeout);
+    Put<uint64_t>(trailer + 8, writeStartTime);
+    len = size;
+    return 0;
+}
 
 // Reads one frame through rx.Recv, one Recv of exactly the field's size per field, and returns
 // the message with its payload and checksum. Any failure (bad magic, end of file, a short or
