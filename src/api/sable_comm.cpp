@@ -3,7 +3,9 @@
 #include <errno.h>
 
 #include "api/sable_comm_check.h"
+#include "base/Hazard.h"
 #include "log/NuxSyslog.h"
+#include "pipe/Message.h"
 #include "pipe/OutRequest.h"
 #include "pipe/SablePipeImpl.h"
 #include "server/PipeServer.h"
@@ -24,23 +26,34 @@ struct SendCache {
     int fd = 0;
     std::weak_ptr<SableTable> table;
     std::weak_ptr<SablePipeImpl> pipe;
+    SablePipeImpl* raw = nullptr;  // pipe's object, used only while pipe has not expired
 };
 thread_local SendCache sendCache __attribute__((tls_model("initial-exec")));
 
 enum class Found { PIPE, NO_TABLE, NO_PIPE };
 
+// Sends `msg` on this thread's cached pipe numbered `fd` while the table is alive, the pipe
+// still referenced and in it and its write end open; then true with the result in `ret`. A
+// plain send needs nothing else: its path never reaches the table. The pipe is used without
+// taking a reference: it is published for the send (its destruction and the close of its write
+// end wait for that) and checked after; and nothing that takes a lock runs meanwhile, since the
+// thread that waits may hold it. Otherwise false: the caller looks the pipe up and sends.
+inline bool SendCached(int fd, OutMessage& msg, int& ret) {
+    SablePipeImpl* pipe = sendCache.raw;
+    if (pipe == nullptr || fd < 1 || sendCache.fd != fd || !TableFactory::IsAlive()) {
+        return false;
+    }
+    sable::HazardGuard use(pipe);
+    return !sendCache.pipe.expired() && pipe->InTable() && pipe->SendIfOpen(msg, ret);
+}
+
 // The table and the pipe numbered `fd`, for the send functions: from this thread's cache while
 // it still holds for `fd`, otherwise by the table's lookups (and then remembered). Each caller
-// logs a miss with its own line. `withTable`: the caller needs the table itself, not only the
-// pipe; a plain send does not (its path never reaches the table), so from the cache it gets the
-// pipe alone, while the table is alive.
-Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe,
-               bool withTable = true) {
+// logs a miss with its own line.
+Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
     if (fd >= 1 && sendCache.fd == fd && TableFactory::IsAlive()) {
-        if (withTable) {
-            table = sendCache.table.lock();
-        }
-        if (!withTable || table) {
+        table = sendCache.table.lock();
+        if (table) {
             pipe = sendCache.pipe.lock();
             if (pipe && pipe->InTable()) {
                 return Found::PIPE;
@@ -58,6 +71,7 @@ Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<Sable
     sendCache.fd = fd;
     sendCache.table = table;
     sendCache.pipe = pipe;
+    sendCache.raw = pipe.get();
     return Found::PIPE;
 }
 
@@ -194,9 +208,14 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
         return -EINVAL;
     }
     LOGI("SendRequest id=%u, size=%u bytes\n", req->id, req->size);
+    int ret = 0;
+    OutMessage msg(req->id, *req, -1);
+    if (SendCached(fd, msg, ret)) {
+        return ret;
+    }
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe, false)) {
+    switch (FindPipe(fd, table, pipe)) {
         case Found::NO_TABLE:
             LOGI("SabloSendRequest unfinished, because table is destroyed\n");
             return -ENOENT;
@@ -206,7 +225,7 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
         case Found::PIPE:
             break;
     }
-    return pipe->Send(*req, -1);
+    return pipe->Send(msg);
 }
 
 int SabloSendResponse(int fd, const SabloResponse* resp) {
@@ -215,9 +234,14 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
         return -EINVAL;
     }
     LOGI("SendResponse id=%u, size=%u bytes\n", resp->id, resp->size);
+    int ret = 0;
+    OutMessage msg(resp->id, *resp);
+    if (SendCached(fd, msg, ret)) {
+        return ret;
+    }
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe, false)) {
+    switch (FindPipe(fd, table, pipe)) {
         case Found::NO_TABLE:
             LOGI("SabloSendResponse unfinished, because table is destroyed\n");
             return -ENOENT;
@@ -227,7 +251,7 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
         case Found::PIPE:
             break;
     }
-    return pipe->Send(*resp);
+    return pipe->Send(msg);
 }
 
 int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeoutMs) {

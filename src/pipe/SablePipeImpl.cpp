@@ -17,6 +17,7 @@
 
 #include "api/sable_comm_internal.h"
 #include "base/Futex.h"
+#include "base/Hazard.h"
 #include "base/SigpipeHold.h"
 #include "base/UniqueFd.h"
 #include "env/EnvManager.h"
@@ -108,6 +109,8 @@ SablePipeImpl::SablePipeImpl(const SabloAttr& attr, PipeObserver& pipeObserver)
 }
 
 SablePipeImpl::~SablePipeImpl() {
+    // A sender that found this pipe in its thread's cache and published it is done with it.
+    sable::WaitUntilUnused(this);
     CloseFd();
     try {
         outReqList.Disable();
@@ -447,23 +450,34 @@ int SablePipeImpl::Send(const SabloResponse& rsp) {
     return Send(msg);
 }
 
-int SablePipeImpl::Send(OutMessage& msg) {
+bool SablePipeImpl::SendIfOpen(OutMessage& msg, int& ret) {
     if (!msg.SizeValid()) {
         LOGE("Send size %u is not valid\n", msg.payloadLen);
-        return -EINVAL;
+        ret = -EINVAL;
+        return true;
     }
     LOGI("SablePipeImpl Send, writeFd = %d. %s  %s\n", writeFd.load(), myName.c_str(),
          remoteName.c_str());
     if (writeFd.load(std::memory_order_relaxed) < 0) {
-        int ret = OpenWriteFifo();
-        if (ret == -1 && closeFdAction.load() == -1) {
-            ret = -EPIPE;  // closed: answered like a pipe whose remote has gone
-        }
-        if (ret < 0) {
-            LOGI("write msg type=%u open write failed, err=%d, fd=%d, target=%s\n", msg.type, ret,
-                 fd.load(), remoteName.c_str());
-            return ret;
-        }
+        return false;
+    }
+    ret = Write(msg);  // closed since: the write says -EPIPE
+    return true;
+}
+
+int SablePipeImpl::Send(OutMessage& msg) {
+    int ret = 0;
+    if (SendIfOpen(msg, ret)) {
+        return ret;
+    }
+    ret = OpenWriteFifo();
+    if (ret == -1 && closeFdAction.load() == -1) {
+        ret = -EPIPE;  // closed: answered like a pipe whose remote has gone
+    }
+    if (ret < 0) {
+        LOGI("write msg type=%u open write failed, err=%d, fd=%d, target=%s\n", msg.type, ret,
+             fd.load(), remoteName.c_str());
+        return ret;
     }
     return Write(msg);
 }
@@ -490,7 +504,9 @@ int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
 }
 
 int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId, uint64_t startUs) {
-    sable::ReaderLock lock(fdMutex);
+    // Published instead of a shared lock on the descriptor: a close waits until this write is
+    // over before the number can be closed and reused, and a write costs no atomic operation.
+    sable::HazardGuard use(this);
     int wfd = writeFd.load();
     if (wfd < 0) {
         return -EPIPE;  // closed after the caller looked
@@ -1068,6 +1084,7 @@ void SablePipeImpl::CloseFd() {
     }
     old = writeFd.exchange(-1);
     if (old >= 0) {
+        sable::WaitUntilUnused(this);  // a write that read the number before has finished
         if (close(old) != 0) {
             LOGE("close writeFd %d failed, errno = %d\n", old, errno);
         }

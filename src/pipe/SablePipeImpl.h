@@ -84,6 +84,10 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int Send(const SabloRequest& req, int timeoutMs);
     int Send(const SabloResponse& rsp);
     int Send(OutMessage& msg);
+    // Send without the opening: true with the result in `ret`, or false (nothing sent, nothing
+    // logged) while the write end is not open. Takes no lock, so a thread that uses the pipe
+    // without a reference (published with sable::HazardGuard) may call it.
+    bool SendIfOpen(OutMessage& msg, int& ret);
     int Write(OutMessage& msg);
     // The raw writer: one write of the `len` bytes of the frame in `buf`.
     int Write(const char* buf, size_t len, unsigned int msgId);
@@ -234,7 +238,9 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     void ReturnReadSide(ReceiveResult last);
 
     // Descriptors are atomics so lock-free readers (logs, checks) stay race-free; they are only
-    // changed, and only used for I/O, under fdMutex.
+    // changed under fdMutex. The read descriptor is only used for I/O under fdMutex; a frame
+    // write publishes the pipe instead (sable::HazardGuard), and the close of the write
+    // descriptor waits until no thread publishes it.
     std::atomic<int> writeFd{-1};
     std::atomic<int> readFd{-1};
     std::string myName;
@@ -263,8 +269,8 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
 
     // Serialises TimedOpen; taken first, before any other lock of the pipe.
     std::timed_mutex openMutex;
-    // Guards the descriptors' life: opening and closing take it exclusively, a frame write or a
-    // frame read takes it shared, so a descriptor is never closed under a running I/O call.
+    // Guards the descriptors' life: opening and closing take it exclusively, a frame read takes
+    // it shared, so the read descriptor is never closed under a running read.
     // Taken after openMutex (a std::timed_mutex, which the lock analysis does not know, so the
     // order is stated here only).
     sable::SharedMutex fdMutex;
