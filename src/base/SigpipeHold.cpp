@@ -15,6 +15,8 @@ namespace sable {
 namespace detail {
 __thread bool sigpipeBlockedForLife __attribute__((tls_model("initial-exec"))) = false;
 __thread volatile sig_atomic_t inLibraryWrite __attribute__((tls_model("initial-exec"))) = 0;
+std::atomic<int> sigpipeDisposition{SIGPIPE_UNKNOWN};
+std::atomic<int64_t> sigpipeNextCheckMs{0};
 }  // namespace detail
 
 namespace {
@@ -22,15 +24,8 @@ namespace {
 // How often the write path looks at the disposition again, at most.
 constexpr int64_t kCheckPeriodMs = 100;
 
-enum Disposition : int {
-    UNKNOWN = 0,
-    IGNORED,      // SIG_IGN: a write's SIGPIPE is discarded by the kernel
-    GUARDED,      // the library's handler stands in for the default action
-    APPLICATION,  // the application's own handler: writes hold the signal back themselves
-};
-
-std::atomic<int> disposition{UNKNOWN};
-std::atomic<int64_t> nextCheckMs{0};
+using detail::sigpipeDisposition;
+using detail::sigpipeNextCheckMs;
 
 sigset_t SigpipeSet() {
     sigset_t set;
@@ -78,34 +73,36 @@ void Check() {
     std::lock_guard<std::mutex> lock(CheckMutex());
     struct sigaction current {};
     if (sigaction(SIGPIPE, nullptr, &current) != 0) {
-        disposition.store(APPLICATION);  // unknown: the safe way
+        sigpipeDisposition.store(detail::SIGPIPE_APPLICATION);  // unknown: the safe way
         return;
     }
     if ((current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == SIG_IGN) {
-        disposition.store(IGNORED);
+        sigpipeDisposition.store(detail::SIGPIPE_IGNORED);
     } else if (IsLibraryHandler(current)) {
-        disposition.store(GUARDED);
+        sigpipeDisposition.store(detail::SIGPIPE_GUARDED);
     } else if ((current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == SIG_DFL) {
         struct sigaction guard {};
         guard.sa_sigaction = OnSigpipe;
         guard.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK;
         sigemptyset(&guard.sa_mask);
-        disposition.store(sigaction(SIGPIPE, &guard, nullptr) == 0 ? GUARDED : APPLICATION);
+        sigpipeDisposition.store(sigaction(SIGPIPE, &guard, nullptr) == 0
+                                     ? detail::SIGPIPE_GUARDED
+                                     : detail::SIGPIPE_APPLICATION);
     } else {
-        disposition.store(APPLICATION);
+        sigpipeDisposition.store(detail::SIGPIPE_APPLICATION);
     }
-    nextCheckMs.store(CoarseNowMs() + kCheckPeriodMs);
+    sigpipeNextCheckMs.store(CoarseNowMs() + kCheckPeriodMs);
 }
 
 }  // namespace
 
 namespace detail {
 
-bool WriteMustHoldSigpipe(int64_t nowMs) {
-    if ((nowMs >= 0 ? nowMs : CoarseNowMs()) >= nextCheckMs.load(std::memory_order_relaxed)) {
+bool RecheckSigpipe(int64_t nowMs) {
+    if ((nowMs >= 0 ? nowMs : CoarseNowMs()) >= sigpipeNextCheckMs.load(std::memory_order_relaxed)) {
         Check();
     }
-    return disposition.load(std::memory_order_relaxed) == APPLICATION;
+    return sigpipeDisposition.load(std::memory_order_relaxed) == SIGPIPE_APPLICATION;
 }
 
 }  // namespace detail

@@ -26,6 +26,7 @@
 
 #include <signal.h>
 
+#include <atomic>
 #include <cstdint>
 
 namespace sable {
@@ -35,10 +36,28 @@ namespace detail {
 extern __thread bool sigpipeBlockedForLife __attribute__((tls_model("initial-exec")));
 // Set while the thread is in a library write (read by the library's SIGPIPE handler).
 extern __thread volatile sig_atomic_t inLibraryWrite __attribute__((tls_model("initial-exec")));
+// The process's SIGPIPE disposition as last looked at, and when it is due to be looked at
+// again (monotonic milliseconds).
+enum SigpipeDisposition : int {
+    SIGPIPE_UNKNOWN = 0,
+    SIGPIPE_IGNORED,      // SIG_IGN: a write's SIGPIPE is discarded by the kernel
+    SIGPIPE_GUARDED,      // the library's handler stands in for the default action
+    SIGPIPE_APPLICATION,  // the application's own handler: writes hold the signal back themselves
+};
+extern std::atomic<int> sigpipeDisposition;
+extern std::atomic<int64_t> sigpipeNextCheckMs;
+// WriteMustHoldSigpipe's own path when the disposition is due (or `nowMs` is not given).
+bool RecheckSigpipe(int64_t nowMs);
 // True when an application thread's write must hold SIGPIPE back itself (the application has
 // a handler of its own); looks at the disposition again when it is due. `nowMs`: the monotonic
-// clock in milliseconds, when the caller has read it already (negative: read here).
-bool WriteMustHoldSigpipe(int64_t nowMs = -1);
+// clock in milliseconds, when the caller has read it already (negative: read here). Inline: on
+// an application thread's send it is all there is to do besides the write.
+inline bool WriteMustHoldSigpipe(int64_t nowMs = -1) {
+    if (nowMs < 0 || nowMs >= sigpipeNextCheckMs.load(std::memory_order_relaxed)) {
+        return RecheckSigpipe(nowMs);
+    }
+    return sigpipeDisposition.load(std::memory_order_relaxed) == SIGPIPE_APPLICATION;
+}
 }  // namespace detail
 
 // For the first thing a library thread does: SIGPIPE stays blocked for the thread's life.

@@ -18,6 +18,7 @@
 #include "api/sable_comm_internal.h"
 #include "base/Futex.h"
 #include "base/Hazard.h"
+#include "base/RawWrite.h"
 #include "base/SigpipeHold.h"
 #include "base/UniqueFd.h"
 #include "env/EnvManager.h"
@@ -450,6 +451,83 @@ int SablePipeImpl::Send(const SabloResponse& rsp) {
     return Send(msg);
 }
 
+// The frame of `msg` built on the stack and written to `wfd` in one piece (a frame is at most
+// 4032 bytes). Inline, as is WriteBytes: a send is this and the write itself, and a call per
+// step costs a plain send a measurable share of its time.
+inline __attribute__((always_inline)) int SablePipeImpl::WriteFrame(OutMessage& msg, int wfd) {
+    char frame[Message::MAX_PAYLOAD_LEN + 32];
+    size_t len = 0;
+    const uint64_t startUs = SableComm::GetCurrentTime();
+    int ret = BuildFrame(msg, frame, sizeof(frame), len, startUs);
+    if (ret == 0) {
+        ret = wfd < 0 ? -EPIPE : WriteBytes(wfd, frame, len, msg.id, startUs);
+    }
+    LOGD(
+        "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
+        "checksum(%u)\n",
+        readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen,
+        msg.checksum);
+    return ret;
+}
+
+inline __attribute__((always_inline)) int SablePipeImpl::WriteBytes(int wfd, const char* buf,
+                                                                    size_t len,
+                                                                    unsigned int msgId,
+                                                                    uint64_t startUs) {
+    // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
+    // The system call itself, not the C library's write: a frame write is no cancellation
+    // point, so a caller's thread is never cancelled half-way through a send.
+    long n = 0;
+    {
+        sable::SigpipeHold sigpipe(static_cast<int64_t>(startUs / 1000));
+        n = sable::RawWrite(wfd, buf, len);
+        if (n == -EPIPE) {
+            sigpipe.Discard();
+        }
+    }
+    // Only a write slower than 50 ms is reported: measured from the frame's own write time to
+    // one read of the coarse clock (a few ms late at most: fine enough, and far cheaper).
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
+    const uint64_t endUs = static_cast<uint64_t>(end.tv_sec) * 1000000u +
+                           static_cast<uint64_t>(end.tv_nsec / 1000);
+    if (__builtin_expect(endUs > startUs && endUs - startUs >= kSlowStepMs * 1000, 0)) {
+        ReportSlowWrite(wfd, msgId, startUs, end);
+    }
+    if (__builtin_expect(n != static_cast<long>(len), 0)) {
+        return WriteFailed(n, len);
+    }
+    return 0;
+}
+
+void SablePipeImpl::ReportSlowWrite(int wfd, unsigned int msgId, uint64_t startUs,
+                                    const timespec& end) {
+    const timespec start{static_cast<time_t>(startUs / 1000000u),
+                         static_cast<long>(startUs % 1000000u) * 1000L};
+    SableComm::RunTimeRecord record(kSlowStepMs);
+    record.RecordTime(start);
+    record.RecordTime(end);
+    record.RunTimePrint("Writing " + writeFifoName + " takes more than " + "50" +
+                        "ms. fd=" + std::to_string(fd.load()) + ", FifoFd=" + std::to_string(wfd) +
+                        ", Msgid=" + std::to_string(msgId));
+}
+
+int SablePipeImpl::WriteFailed(long n, size_t len) {
+    if (n == -EPIPE) {
+        LOGE_R("%s=>%s The pipe is broken, write unfinished, remote is closed.\n", myName.c_str(),
+               remoteName.c_str());
+        return -EPIPE;
+    }
+    if (n < 0) {
+        LOGE_R("write failed, errno = %d for readFd(%d) remote(%s)\n", static_cast<int>(-n),
+               readFd.load(), remoteName.c_str());
+        return static_cast<int>(n);
+    }
+    LOGE("write size %ld is not equal to expected size %lu for readFd(%d) remote(%s)\n", n,
+         static_cast<unsigned long>(len), readFd.load(), remoteName.c_str());
+    return -1;
+}
+
 bool SablePipeImpl::SendIfOpen(OutMessage& msg, int& ret) {
     if (!msg.SizeValid()) {
         LOGE("Send size %u is not valid\n", msg.payloadLen);
@@ -458,18 +536,23 @@ bool SablePipeImpl::SendIfOpen(OutMessage& msg, int& ret) {
     }
     LOGI("SablePipeImpl Send, writeFd = %d. %s  %s\n", writeFd.load(), myName.c_str(),
          remoteName.c_str());
-    if (writeFd.load(std::memory_order_relaxed) < 0) {
+    // Published by the caller: the number stays this pipe's until the caller is done with it.
+    const int wfd = writeFd.load(std::memory_order_relaxed);
+    if (wfd < 0) {
         return false;
     }
-    ret = Write(msg);  // closed since: the write says -EPIPE
+    ret = WriteFrame(msg, wfd);
     return true;
 }
 
 int SablePipeImpl::Send(OutMessage& msg) {
     int ret = 0;
-    if (SendIfOpen(msg, ret)) {
-        return ret;
-    }
+    {
+        sable::HazardGuard use(this);
+        if (SendIfOpen(msg, ret)) {
+            return ret;
+        }
+    }  // not published across the open, which takes the descriptor lock
     ret = OpenWriteFifo();
     if (ret == -1 && closeFdAction.load() == -1) {
         ret = -EPIPE;  // closed: answered like a pipe whose remote has gone
@@ -483,20 +566,10 @@ int SablePipeImpl::Send(OutMessage& msg) {
 }
 
 int SablePipeImpl::Write(OutMessage& msg) {
-    // Built on the stack and written in one piece: a frame is at most 4032 bytes.
-    char frame[Message::MAX_PAYLOAD_LEN + 32];
-    size_t len = 0;
-    const uint64_t startUs = SableComm::GetCurrentTime();
-    int ret = BuildFrame(msg, frame, sizeof(frame), len, startUs);
-    if (ret == 0) {
-        ret = Write(frame, len, msg.id, startUs);
-    }
-    LOGD(
-        "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) "
-        "checksum(%u)\n",
-        readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen,
-        msg.checksum);
-    return ret;
+    // Published instead of a shared lock on the descriptor: a close waits until this write is
+    // over before the number can be closed and reused, and a write costs no atomic operation.
+    sable::HazardGuard use(this);
+    return WriteFrame(msg, writeFd.load());  // closed since: -EPIPE
 }
 
 int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
@@ -504,60 +577,12 @@ int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId) {
 }
 
 int SablePipeImpl::Write(const char* buf, size_t len, unsigned int msgId, uint64_t startUs) {
-    // Published instead of a shared lock on the descriptor: a close waits until this write is
-    // over before the number can be closed and reused, and a write costs no atomic operation.
     sable::HazardGuard use(this);
-    int wfd = writeFd.load();
+    const int wfd = writeFd.load();
     if (wfd < 0) {
         return -EPIPE;  // closed after the caller looked
     }
-    // One write: a frame is below the FIFO's atomic-write size, so it goes whole or not at all.
-    ssize_t n = 0;
-    int savedErrno = 0;
-    {
-        sable::SigpipeHold sigpipe(static_cast<int64_t>(startUs / 1000));
-        // The system call itself, not the C library's write: a frame write is no cancellation
-        // point, so a caller's thread is never cancelled half-way through a send.
-        n = syscall(SYS_write, wfd, buf, len);
-        savedErrno = errno;
-        if (n == -1 && savedErrno == EPIPE) {
-            sigpipe.Discard();
-        }
-    }
-    // Only a write slower than 50 ms is reported: measured from the frame's own write time to
-    // one read of the coarse clock (a few ms late at most: fine enough, and far cheaper), and
-    // the record is filled only for such a write.
-    timespec end{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
-    const uint64_t endUs = static_cast<uint64_t>(end.tv_sec) * 1000000u +
-                           static_cast<uint64_t>(end.tv_nsec / 1000);
-    if (endUs > startUs && endUs - startUs >= kSlowStepMs * 1000) {
-        const timespec start{static_cast<time_t>(startUs / 1000000u),
-                             static_cast<long>(startUs % 1000000u) * 1000L};
-        SableComm::RunTimeRecord record(kSlowStepMs);
-        record.RecordTime(start);
-        record.RecordTime(end);
-        record.RunTimePrint("Writing " + writeFifoName + " takes more than " + "50" +
-                            "ms. fd=" + std::to_string(fd.load()) +
-                            ", FifoFd=" + std::to_string(wfd) + ", Msgid=" + std::to_string(msgId));
-    }
-    if (n == -1) {
-        if (savedErrno == EPIPE) {
-            LOGE_R("%s=>%s The pipe is broken, write unfinished, remote is closed.\n",
-                   myName.c_str(), remoteName.c_str());
-            return -EPIPE;
-        }
-        LOGE_R("write failed, errno = %d for readFd(%d) remote(%s)\n", savedErrno, readFd.load(),
-               remoteName.c_str());
-        return -savedErrno;
-    }
-    if (static_cast<size_t>(n) != len) {
-        LOGE("write size %ld is not equal to expected size %lu for readFd(%d) remote(%s)\n",
-             static_cast<long>(n), static_cast<unsigned long>(len), readFd.load(),
-             remoteName.c_str());
-        return -1;
-    }
-    return 0;
+    return WriteBytes(wfd, buf, len, msgId, startUs);
 }
 
 int SablePipeImpl::Recv(void* buf, size_t len) {

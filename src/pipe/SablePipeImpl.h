@@ -3,6 +3,7 @@
 #define SABLE_PIPE_SABLE_PIPE_IMPL_H
 
 #include <sys/epoll.h>
+#include <time.h>
 
 #include <atomic>
 #include <functional>
@@ -84,9 +85,10 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     int Send(const SabloRequest& req, int timeoutMs);
     int Send(const SabloResponse& rsp);
     int Send(OutMessage& msg);
-    // Send without the opening: true with the result in `ret`, or false (nothing sent, nothing
-    // logged) while the write end is not open. Takes no lock, so a thread that uses the pipe
-    // without a reference (published with sable::HazardGuard) may call it.
+    // Send without the opening, for a thread that publishes this pipe (sable::HazardGuard) for
+    // the call: true with the result in `ret`, or false (nothing sent, nothing logged) while
+    // the write end is not open. Takes no lock, so a thread that uses the pipe without a
+    // reference may call it.
     bool SendIfOpen(OutMessage& msg, int& ret);
     int Write(OutMessage& msg);
     // The raw writer: one write of the `len` bytes of the frame in `buf`.
@@ -228,6 +230,16 @@ class SablePipeImpl : public MagicReceiver, public std::enable_shared_from_this<
     bool BatchesRequests() const;
     // Receive thread: reads and handles frames for one turn (see HandleEvent).
     ReceiveResult Turn(bool hangUp, SableComm::EpollTimeRecord& record);
+    // A send's work once the write end is open, on the number `wfd` the caller read while
+    // publishing the pipe: the frame of `msg` (WriteFrame) or the bytes of one (WriteBytes)
+    // written in one piece, a slow write reported, failures logged.
+    int WriteFrame(OutMessage& msg, int wfd);
+    int WriteBytes(int wfd, const char* buf, size_t len, unsigned int msgId, uint64_t startUs);
+    // WriteBytes' rare outcomes, out of its way: a write slower than 50 ms; a write that did
+    // not take the whole frame (`n`: the count or -errno). WriteFailed returns the send's code.
+    __attribute__((cold, noinline)) void ReportSlowWrite(int wfd, unsigned int msgId,
+                                                         uint64_t startUs, const timespec& end);
+    __attribute__((cold, noinline)) int WriteFailed(long n, size_t len);
     // Re-forms both FIFO names after a change of `myName`.
     void FormFifoNames();
     int WaitForEntry(const SabloRequest& request, const SabloResponse* response, int timeoutMs);
