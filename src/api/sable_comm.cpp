@@ -22,13 +22,30 @@ const char* OrEmpty(const char* s) {
 // another pipe, so while the pipe is still in the table the number still names it: a thread
 // that keeps sending on one pipe finds both by two weak references instead of two locked
 // lookups.
-struct SendCache {
-    int fd = 0;
+//
+// The references live in a thread_local of their own, whose construction and destruction the
+// C++ runtime guards on every access; a send reads only the trivially constructed part (plain
+// static TLS) and reaches the references through it.
+struct SendCacheRefs {
     std::weak_ptr<SableTable> table;
     std::weak_ptr<SablePipeImpl> pipe;
-    SablePipeImpl* raw = nullptr;  // pipe's object, used only while pipe has not expired
+    ~SendCacheRefs();
 };
-thread_local SendCache sendCache __attribute__((tls_model("initial-exec")));
+struct SendCache {
+    int fd;
+    SablePipeImpl* raw;   // the pipe's object, used only while refs->pipe has not expired
+    SendCacheRefs* refs;  // set with raw; null again once the thread's references are destroyed
+    bool refsGone;        // they were (a send from a later thread-exit destructor caches nothing)
+};
+__thread SendCache sendCache __attribute__((tls_model("initial-exec")));
+thread_local SendCacheRefs sendRefs;
+
+SendCacheRefs::~SendCacheRefs() {
+    sendCache.fd = 0;
+    sendCache.raw = nullptr;
+    sendCache.refs = nullptr;
+    sendCache.refsGone = true;
+}
 
 enum class Found { PIPE, NO_TABLE, NO_PIPE };
 
@@ -44,17 +61,17 @@ inline bool SendCached(int fd, OutMessage& msg, int& ret) {
         return false;
     }
     sable::HazardGuard use(pipe);
-    return !sendCache.pipe.expired() && pipe->InTable() && pipe->SendIfOpen(msg, ret);
+    return !sendCache.refs->pipe.expired() && pipe->InTable() && pipe->SendIfOpen(msg, ret);
 }
 
 // The table and the pipe numbered `fd`, for the send functions: from this thread's cache while
 // it still holds for `fd`, otherwise by the table's lookups (and then remembered). Each caller
 // logs a miss with its own line.
 Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
-    if (fd >= 1 && sendCache.fd == fd && TableFactory::IsAlive()) {
-        table = sendCache.table.lock();
+    if (fd >= 1 && sendCache.fd == fd && sendCache.refs != nullptr && TableFactory::IsAlive()) {
+        table = sendCache.refs->table.lock();
         if (table) {
-            pipe = sendCache.pipe.lock();
+            pipe = sendCache.refs->pipe.lock();
             if (pipe && pipe->InTable()) {
                 return Found::PIPE;
             }
@@ -68,11 +85,50 @@ Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<Sable
     if (!pipe) {
         return Found::NO_PIPE;
     }
-    sendCache.fd = fd;
-    sendCache.table = table;
-    sendCache.pipe = pipe;
-    sendCache.raw = pipe.get();
+    if (!sendCache.refsGone) {
+        SendCacheRefs& refs = sendRefs;
+        refs.table = table;
+        refs.pipe = pipe;
+        sendCache.fd = fd;
+        sendCache.raw = pipe.get();
+        sendCache.refs = &refs;
+    }
     return Found::PIPE;
+}
+
+// The send functions' way when the thread's cached pipe does not serve: the lookup, with each
+// function's own lines. Out of line, so that a send on the cached pipe does not set up the
+// references this takes.
+__attribute__((noinline)) int SendRequestLookedUp(int fd, OutMessage& msg) {
+    std::shared_ptr<SableTable> table;
+    std::shared_ptr<SablePipeImpl> pipe;
+    switch (FindPipe(fd, table, pipe)) {
+        case Found::NO_TABLE:
+            LOGI("SabloSendRequest unfinished, because table is destroyed\n");
+            return -ENOENT;
+        case Found::NO_PIPE:
+            LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
+            return -ENOENT;
+        case Found::PIPE:
+            break;
+    }
+    return pipe->Send(msg);
+}
+
+__attribute__((noinline)) int SendResponseLookedUp(int fd, OutMessage& msg) {
+    std::shared_ptr<SableTable> table;
+    std::shared_ptr<SablePipeImpl> pipe;
+    switch (FindPipe(fd, table, pipe)) {
+        case Found::NO_TABLE:
+            LOGI("SabloSendResponse unfinished, because table is destroyed\n");
+            return -ENOENT;
+        case Found::NO_PIPE:
+            LOGE("GetPipe fail, please check input fd(%d).\n", fd);
+            return -ENOENT;
+        case Found::PIPE:
+            break;
+    }
+    return pipe->Send(msg);
 }
 
 }  // namespace
@@ -213,19 +269,7 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
     if (SendCached(fd, msg, ret)) {
         return ret;
     }
-    std::shared_ptr<SableTable> table;
-    std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe)) {
-        case Found::NO_TABLE:
-            LOGI("SabloSendRequest unfinished, because table is destroyed\n");
-            return -ENOENT;
-        case Found::NO_PIPE:
-            LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
-            return -ENOENT;
-        case Found::PIPE:
-            break;
-    }
-    return pipe->Send(msg);
+    return SendRequestLookedUp(fd, msg);
 }
 
 int SabloSendResponse(int fd, const SabloResponse* resp) {
@@ -239,19 +283,7 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
     if (SendCached(fd, msg, ret)) {
         return ret;
     }
-    std::shared_ptr<SableTable> table;
-    std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe)) {
-        case Found::NO_TABLE:
-            LOGI("SabloSendResponse unfinished, because table is destroyed\n");
-            return -ENOENT;
-        case Found::NO_PIPE:
-            LOGE("GetPipe fail, please check input fd(%d).\n", fd);
-            return -ENOENT;
-        case Found::PIPE:
-            break;
-    }
-    return pipe->Send(msg);
+    return SendResponseLookedUp(fd, msg);
 }
 
 int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeoutMs) {
