@@ -96,37 +96,17 @@ Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<Sable
     return Found::PIPE;
 }
 
-// The send functions' way when the thread's cached pipe does not serve: the lookup, with each
-// function's own lines. Out of line, so that a send on the cached pipe does not set up the
-// references this takes.
-__attribute__((noinline)) int SendRequestLookedUp(int fd, OutMessage& msg) {
+// The send functions' way when the thread's cached pipe does not serve: the lookup, then the
+// send; `onMiss(found)` logs a miss with the calling function's own line. Out of line, so that a
+// send on the cached pipe does not set up the references this takes.
+template <typename OnMiss>
+__attribute__((noinline)) int SendLookedUp(int fd, OutMessage& msg, OnMiss onMiss) {
     std::shared_ptr<SableTable> table;
     std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe)) {
-        case Found::NO_TABLE:
-            LOGI("SabloSendRequest unfinished, because table is destroyed\n");
-            return -ENOENT;
-        case Found::NO_PIPE:
-            LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
-            return -ENOENT;
-        case Found::PIPE:
-            break;
-    }
-    return pipe->Send(msg);
-}
-
-__attribute__((noinline)) int SendResponseLookedUp(int fd, OutMessage& msg) {
-    std::shared_ptr<SableTable> table;
-    std::shared_ptr<SablePipeImpl> pipe;
-    switch (FindPipe(fd, table, pipe)) {
-        case Found::NO_TABLE:
-            LOGI("SabloSendResponse unfinished, because table is destroyed\n");
-            return -ENOENT;
-        case Found::NO_PIPE:
-            LOGE("GetPipe fail, please check input fd(%d).\n", fd);
-            return -ENOENT;
-        case Found::PIPE:
-            break;
+    const Found found = FindPipe(fd, table, pipe);
+    if (found != Found::PIPE) {
+        onMiss(found);
+        return -ENOENT;
     }
     return pipe->Send(msg);
 }
@@ -269,7 +249,13 @@ int SabloSendRequest(int fd, const SabloRequest* req) {
     if (SendCached(fd, msg, ret)) {
         return ret;
     }
-    return SendRequestLookedUp(fd, msg);
+    return SendLookedUp(fd, msg, [fd](Found found) {
+        if (found == Found::NO_TABLE) {
+            LOGI("SabloSendRequest unfinished, because table is destroyed\n");
+        } else {
+            LOGE("SendRequest fail, because pipe is NULL, fd=%d.\n", fd);
+        }
+    });
 }
 
 int SabloSendResponse(int fd, const SabloResponse* resp) {
@@ -283,7 +269,13 @@ int SabloSendResponse(int fd, const SabloResponse* resp) {
     if (SendCached(fd, msg, ret)) {
         return ret;
     }
-    return SendResponseLookedUp(fd, msg);
+    return SendLookedUp(fd, msg, [fd](Found found) {
+        if (found == Found::NO_TABLE) {
+            LOGI("SabloSendResponse unfinished, because table is destroyed\n");
+        } else {
+            LOGE("GetPipe fail, please check input fd(%d).\n", fd);
+        }
+    });
 }
 
 int SabloTimedRPCSync(int fd, SabloRequest* req, SabloResponse* resp, int timeoutMs) {
