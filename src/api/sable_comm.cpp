@@ -57,7 +57,8 @@ enum class Found { PIPE, NO_TABLE, NO_PIPE };
 // thread that waits may hold it. Otherwise false: the caller looks the pipe up and sends.
 inline bool SendCached(int fd, OutMessage& msg, int& ret) {
     SablePipeImpl* pipe = sendCache.raw;
-    if (pipe == nullptr || fd < 1 || sendCache.fd != fd || !TableFactory::IsAlive()) {
+    // The cache holds only numbers the table gave out (1 and up), and null before the first.
+    if (pipe == nullptr || sendCache.fd != fd || !TableFactory::IsAlive()) {
         return false;
     }
     sable::HazardGuard use(pipe);
@@ -68,7 +69,7 @@ inline bool SendCached(int fd, OutMessage& msg, int& ret) {
 // it still holds for `fd`, otherwise by the table's lookups (and then remembered). Each caller
 // logs a miss with its own line.
 Found FindPipe(int fd, std::shared_ptr<SableTable>& table, std::shared_ptr<SablePipeImpl>& pipe) {
-    if (fd >= 1 && sendCache.fd == fd && sendCache.refs != nullptr && TableFactory::IsAlive()) {
+    if (sendCache.refs != nullptr && sendCache.fd == fd && TableFactory::IsAlive()) {
         table = sendCache.refs->table.lock();
         if (table) {
             pipe = sendCache.refs->pipe.lock();

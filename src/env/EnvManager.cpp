@@ -228,14 +228,5 @@ bool EnvManager::LongRunMode() {
     if (cached != 0) {
         return cached == 1;
     }
-    std::lock_guard<std::mutex> lock(Instance());
-    if (runMode.empty()) {
-        const char* env = getenv("DATAGLEN_RUN_MODE");
-        if (env == nullptr || *env == '\0') {
-            return false;  // nothing to cache: looked up again next time
-        }
-        runMode = env;
-        runModeCached.store(runMode == "1" ? 1 : 2, std::memory_order_release);
-    }
-    return runMode == "1";
+    return GetRunMode() == "1";  // not cached yet: looked up (and cached once it is set)
 }

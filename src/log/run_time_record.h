@@ -12,11 +12,16 @@
 
 namespace SableComm {
 
+// A clock reading (not negative) in microseconds.
+inline uint64_t Microseconds(const timespec& t) {
+    return static_cast<uint64_t>(t.tv_sec) * 1000000u + static_cast<uint64_t>(t.tv_nsec / 1000);
+}
+
 // Monotonic clock in microseconds. Inline: every frame sent reads it.
 inline uint64_t GetCurrentTime() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec / 1000);
+    return Microseconds(now);
 }
 
 // Belongs to one thread (it lives on the caller's stack); nothing is locked. The first points

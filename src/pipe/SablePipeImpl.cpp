@@ -489,8 +489,7 @@ inline __attribute__((always_inline)) int SablePipeImpl::WriteBytes(int wfd, con
     // one read of the coarse clock (a few ms late at most: fine enough, and far cheaper).
     timespec end{};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &end);
-    const uint64_t endUs = static_cast<uint64_t>(end.tv_sec) * 1000000u +
-                           static_cast<uint64_t>(end.tv_nsec / 1000);
+    const uint64_t endUs = SableComm::Microseconds(end);
     if (__builtin_expect(endUs > startUs && endUs - startUs >= kSlowStepMs * 1000, 0)) {
         ReportSlowWrite(wfd, msgId, startUs, end);
     }
